@@ -2,6 +2,7 @@
 // directory and master.ini, fills the process-wide paths and exports them.
 #include "foundation/environment.h"
 
+#include "foundation/gerror.h"
 #include "foundation/ini.h"
 #include "foundation/logger.h"
 #include "foundation/platform_capabilites.h"
@@ -298,8 +299,7 @@ int init_state()
 
     ini_get_string(kOptions, "OemName", kProductName, g_appname, sizeof g_appname, mi);
     setDerivedPaths(dir);
-    // TODO(gerror): give the error store its text file once the logger's
-    // setter exists: set_gerror_file((g_initdir + "/gerror.ini").c_str());
+    set_gerror_file((g_initdir + "/gerror.ini").c_str());
 
     readTitleAndDirectories(dir);
     openCommonLog();

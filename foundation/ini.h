@@ -2,20 +2,24 @@
 // /etc/default/tq.ini). Nothing is cached: every lookup opens, scans and
 // closes the file, so a change takes effect at the next lookup.
 //
-// Lookups and writes share process-wide buffers: one thread at a time.
+// File format and value syntax: foundation/README.md. INI access is for one
+// thread at a time per process.
 #pragma once
 
 // Lookups return 0, or -1 with `dflt` copied into `buf` (truncated to `size`,
 // NUL-terminated); with no default or no buffer just -1. They never log,
 // except ini_get_data when the value does not fit.
 //
-// ini_get_string: the value with quoting, escapes and comments interpreted.
-// With `section` NULL it lists all section names, with `key` NULL all keys of
-// the section, each name NUL-terminated one after the other.
+// ini_get_string: the value with quoting, escapes and comments interpreted,
+// cut to size - 1 characters. With `section` NULL it lists all section names,
+// with `key` NULL all keys of the section, each name NUL-terminated one after
+// the other and the list ended by an empty name; a name that no longer fits
+// ends the list (result 0).
 int ini_get_string(const char* section, const char* key, const char* dflt,
                    char* buf, int size, const char* file);
 
-// ini_get_data: the raw rest of the line, without line end and trailing blanks.
+// ini_get_data: the raw rest of the line, without line end and trailing
+// blanks. A value that does not fit logs at level 2 and gives `dflt` and -1.
 int ini_get_data(const char* section, const char* key, const char* dflt,
                  char* buf, int size, const char* file);
 
