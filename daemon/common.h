@@ -46,7 +46,9 @@ struct DaemonState {
 // readSettings when master.ini's time stamp grows. Fields carry their
 // built-in defaults until the first reload.
 struct ReplicationSettings {
-    char SyncTo[64] = "vault";
+    // A vault name is at most 64 characters; one more byte holds the
+    // terminator so that a name of the full length is kept whole.
+    char SyncTo[65] = "vault";
     int32_t TimeDelay = 60;
     int32_t Throttle = 1;
     int32_t verifyCount = 1;  // VerifyOnGet + VerifyOnPut
