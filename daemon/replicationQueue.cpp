@@ -7,6 +7,7 @@
 #include "daemon/common.h"
 #include "daemon/queueSql.h"
 #include "foundation/logger.h"
+#include "foundation/pgConnect.h"
 #include "foundation/pghelper.h"
 
 #include <cstdio>
@@ -64,6 +65,9 @@ int runCommand(const char* sql)
 // A text from outside (vault names) as it may stand between quotes.
 std::string escapeText(const char* text)
 {
+    // How to escape depends on the server's settings: have the connection
+    // first, so the escaping follows it rather than libpq's defaults.
+    pgConnection();
     std::string out(2 * strlen(text) + 1, '\0');
     pgEscape(out.data(), text);
     out.resize(strlen(out.c_str()));
