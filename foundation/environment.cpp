@@ -190,6 +190,9 @@ void readTitleAndDirectories(const std::string& dir)
 void openCommonLog()
 {
     copyText(State.logPath, locationValue("Logname", g_logdir + "/tq.log"));
+    // The log directory is made here already, not only with the others
+    // further on, so that a fresh install's first lines are not lost.
+    makeDirectory(g_logdir);
     close_log();
     open_log(State.logPath);
 }

@@ -241,8 +241,9 @@ TEST_F(IniTest, ShorterValueIsWrittenInPlace)
     for (size_t i = 0; i < before.size(); ++i) {
         EXPECT_EQ(after[i].first, before[i].first);
         EXPECT_EQ(after[i].second.size(), before[i].second.size());
-        if (i != 1)
+        if (i != 1) {
             EXPECT_EQ(after[i].second, before[i].second);
+        }
     }
     EXPECT_EQ(get("s", "name"), "short");
     EXPECT_EQ(get("s", "other"), "2");
