@@ -77,8 +77,8 @@ RunResult runFerryd(const std::vector<std::string>& args, const std::vector<std:
         dup2(devnull, 0);
         dup2(outPipe[1], 1);
         dup2(errPipe[1], 2);
-        close(outPipe[0]);
-        close(errPipe[0]);
+        for (int fd : {outPipe[0], outPipe[1], errPipe[0], errPipe[1], devnull})
+            close(fd);
         execFerryd(args, env);
     }
     close(outPipe[1]);
@@ -121,6 +121,7 @@ pid_t spawnFerryd(const std::vector<std::string>& args, const std::vector<std::s
         dup2(devnull, 0);
         dup2(devnull, 1);
         dup2(devnull, 2);
+        close(devnull);
         execFerryd(args, env);
     }
     return pid;
