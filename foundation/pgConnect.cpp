@@ -13,6 +13,7 @@
 #include <cstring>
 #include <fcntl.h>
 #include <new>
+#include <poll.h>
 #include <unistd.h>
 
 pgResource* pgResourceArray[PG_RESOURCE_SLOTS];
@@ -181,6 +182,24 @@ int slotOf(const pgResource* res)
         if (pgResourceArray[i] == res)
             return i;
     return -1;
+}
+
+// libpq learns that the server went away only when it reads. An idle
+// session has nothing to read unless the server ended it (its last words and
+// the end of the stream wait on the socket), so a readable socket is handed
+// to libpq first: a restarted server is then seen without a round trip.
+bool libpqSaysGood(PGconn* conn)
+{
+    // The server's farewell and the end of the stream may take two reads.
+    for (int reads = 0; reads < 4; ++reads) {
+        int fd = PQsocket(conn);
+        if (fd < 0 || PQstatus(conn) != CONNECTION_OK || PQisBusy(conn))
+            break;
+        struct pollfd pending = {fd, POLLIN, 0};
+        if (poll(&pending, 1, 0) <= 0 || !PQconsumeInput(conn))
+            break;
+    }
+    return PQstatus(conn) == CONNECTION_OK;
 }
 
 void closeAllAtExit()
@@ -445,7 +464,7 @@ int pgCheckConnection(int depth)
         res->savepointCount = 0;
         return 0;
     }
-    if (res->connection == nullptr || PQstatus(res->connection) != CONNECTION_OK)
+    if (res->connection == nullptr || !libpqSaysGood(res->connection))
         return 0;
     if (depth == 0)
         return 1;
