@@ -9,6 +9,7 @@
 #include <gtest/gtest.h>
 #include <libpq-fe.h>
 #include <memory>
+#include <unistd.h>
 
 namespace ferrytest {
 
@@ -36,6 +37,7 @@ std::string orNull(const std::string& text)
 }
 
 constexpr int64_t kHour = 3600;
+constexpr size_t kDeviceNameSize = 32;  // devices.dev_rw_name
 
 } // namespace
 
@@ -56,6 +58,28 @@ ApplianceDb::ApplianceDb(std::string backupsDir) : backupsDir_(std::move(backups
 ApplianceDb::~ApplianceDb()
 {
     PQfinish(conn_);
+    for (const std::string& dir : shortcuts_)
+        removeTree(dir);  // the links only, not the devices they point at
+}
+
+std::string ApplianceDb::deviceDirectory(const std::string& name)
+{
+    std::string dir = backupsDir_ + "/" + name;
+    makeDirs(dir);
+    if (dir.size() <= kDeviceNameSize)
+        return dir;
+    // devices.dev_rw_name holds 32 characters, fewer than a temporary
+    // appliance root needs: the device is reached through a short link.
+    char shortDir[] = "/tmp/fdXXXXXX";
+    if (mkdtemp(shortDir) == nullptr) {
+        ADD_FAILURE() << "mkdtemp for a device link failed";
+        return dir;
+    }
+    shortcuts_.push_back(shortDir);
+    std::string link = std::string(shortDir) + "/" + name;
+    if (symlink(dir.c_str(), link.c_str()) != 0)
+        ADD_FAILURE() << "symlink " << link << " failed";
+    return link;
 }
 
 bool ApplianceDb::exec(const std::string& sql)
@@ -121,8 +145,7 @@ int64_t ApplianceDb::addDiskDevice(const std::string& name)
 {
     int device = nextDevice_++;
     int64_t tape = 100 + device;
-    std::string dir = backupsDir_ + "/" + name;
-    makeDirs(dir);
+    std::string dir = deviceDirectory(name);
     exec("INSERT INTO tq.devices (device_no, dev_name, device_type, node_no, status, dev_rw_name, tape_no, "
          "is_online, dedup) VALUES (" +
          std::to_string(device) + ", " + sqlText(name) + ", 16, 0, 0, " + sqlText(dir) + ", " + std::to_string(tape) +

@@ -99,7 +99,9 @@ public:
     int64_t addInstance(int node_no, int app_id, const std::string& key1, const std::string& key2 = "",
                         int priority = 0);
     // A disk device with its directory <backupsDir>/<name> and its medium;
-    // returns the medium's tape_no.
+    // returns the medium's tape_no. dev_rw_name holds 32 characters: a
+    // longer directory is entered through a short link in /tmp that lives
+    // as long as this object.
     int64_t addDiskDevice(const std::string& name);
     // A backup with its fileset row; returns its backup_no.
     int64_t addBackup(const BackupSpec& spec);
@@ -117,7 +119,10 @@ public:
     const std::string& backupsDir() const { return backupsDir_; }
 
 private:
+    std::string deviceDirectory(const std::string& name);
+
     pg_conn* conn_ = nullptr;
+    std::vector<std::string> shortcuts_;
     std::string backupsDir_;
     int nextDevice_ = 1;
     int64_t firstTape_ = 0;
