@@ -9,6 +9,9 @@
 // copy of its text, so the two cannot drift.
 #include "sql_test_support.h"
 
+#include "admin/tqsqlQueries.h"
+#include "daemon/queueSql.h"
+
 #include <gtest/gtest.h>
 
 #include <set>
@@ -49,207 +52,97 @@ void PrintTo(const Statement& statement, std::ostream* out)
 
 constexpr const char* kQueue = "tq.replication_queue";
 constexpr const char* kUuid = "0f1e2d3c-4b5a-6978-8796-a5b4c3d2e1f0";
-constexpr const char* kFieldList =
-    "b.backup_no as t_backup_no, b.status as t_status, b.exit_code as t_exit_code, b.type as t_type, "
-    "b.start_time as t_start_time";
 
 // The filters of the restore-group lookup: same kind of client, not SDS, not
 // purged, finished; the strict one also not failed.
 std::string looseFilter()
 {
-    return sqlf(" (properties & %u) = %lu AND (properties & %u) = 0 AND tape_no != %u AND (status & %u) > 0", 32u,
-                0UL, 1u, 0xFFFFFFFFu, 64u);
+    return sqlf(adminsql::kLooseFilter, 32u, 0UL, 1u, 0xFFFFFFFFu, 64u);
 }
 std::string strictFilter()
 {
-    return sqlf("%s AND (status & %u) = 0", looseFilter().c_str(), 36888u);
+    return sqlf(adminsql::kStrictFilter, looseFilter().c_str(), 36888u);
 }
 
 const Statement kStatements[] = {
-    // The replication queue
-    {"queue_insert_row_sync_status", Check::Prepare,
-     [] { return sqlf("UPDATE backups SET sync_status=%d WHERE backup_no=%lu AND sync_status != %d",
-                     1, 42UL, 1); }},
+    // The replication queue (daemon/queueSql.h)
+    {"queue_insert_row_sync_status", Check::Prepare, [] { return sqlf(queuesql::kMarkSyncNeeded, 1, 42UL, 1); }},
     {"queue_insert_row", Check::Prepare,
-     [] { return sqlf("INSERT INTO %s (backup_no, vault, status) VALUES (%lu,'%s',%d)",
-                     kQueue, 42UL, "vault1", 1); }},
-    {"queue_get_status", Check::Prepare,
-     [] { return sqlf("SELECT status FROM %s WHERE backup_no = %lu AND vault = '%s'",
-                     kQueue, 42UL, "vault1"); }},
-    {"queue_set_status", Check::Prepare,
-     [] { return sqlf("UPDATE %s SET status = %u WHERE backup_no = %lu AND vault = '%s'",
-                     kQueue, 16u, 42UL, "vault1"); }},
+     [] { return sqlf(queuesql::kInsertRow, kQueue, 42UL, "vault1", 1); }},
+    {"queue_get_status", Check::Prepare, [] { return sqlf(queuesql::kGetStatus, kQueue, 42UL, "vault1"); }},
+    {"queue_set_status", Check::Prepare, [] { return sqlf(queuesql::kSetStatus, kQueue, 16u, 42UL, "vault1"); }},
     {"queue_complete_entry", Check::Prepare,
-     [] { return sqlf("UPDATE %s SET status = %d WHERE backup_no = %lu AND vault = '%s' ",
-                     kQueue, 2, 42UL, "vault1"); }},
+     [] { return sqlf(queuesql::kSetStatusTrailing, kQueue, 2, 42UL, "vault1"); }},
     {"queue_mark_for_cleanup", Check::Prepare,
-     [] { return sqlf("UPDATE %s SET status = %d WHERE backup_no = %lu AND vault = '%s' ",
-                     kQueue, 32, 42UL, "vault1"); }},
-    {"queue_remove_entry", Check::Prepare,
-     [] { return sqlf("DELETE FROM %s WHERE backup_no = %lu AND vault = '%s' ",
-                     kQueue, 42UL, "vault1"); }},
-    {"queue_reset_in_progress", Check::Prepare,
-     [] { return sqlf("UPDATE %s SET status = %d WHERE status = %d ", kQueue, 1, 16); }},
-    {"queue_peek", Check::Prepare,
-     [] { return sqlf("SELECT backup_no FROM %s WHERE status = %d ORDER BY position LIMIT 1 OFFSET %d",
-                     kQueue, 1, 3); }},
-    {"queue_list_terminated", Check::Prepare,
-     [] { return sqlf("SELECT backup_no,vault FROM %s WHERE status = %d ORDER BY position LIMIT %u",
-                     kQueue, 32, 16u); }},
+     [] { return sqlf(queuesql::kSetStatusTrailing, kQueue, 32, 42UL, "vault1"); }},
+    {"queue_remove_entry", Check::Prepare, [] { return sqlf(queuesql::kRemoveEntry, kQueue, 42UL, "vault1"); }},
+    {"queue_reset_in_progress", Check::Prepare, [] { return sqlf(queuesql::kResetInProgress, kQueue, 1, 16); }},
+    {"queue_peek", Check::Prepare, [] { return sqlf(queuesql::kPeek, kQueue, 1, 3); }},
+    {"queue_list_terminated", Check::Prepare, [] { return sqlf(queuesql::kListTerminated, kQueue, 32, 16u); }},
     {"queue_get_replication_status", Check::Prepare,
-     [] { return sqlf("SELECT status FROM tq.replication_queue WHERE backup_no=%llu",
-                     42ULL); }},
-    {"queue_dequeue_select", Check::Prepare,
-     [] { return sqlf("SELECT q.backup_no,q.vault FROM tq.replication_queue q JOIN tq.backups b ON "
-                     "(q.backup_no=b.backup_no) WHERE q.status= %d AND b.tape_no!= %d AND b.instance_id "
-                     "NOT IN (SELECT b.instance_id FROM tq.replication_queue q JOIN tq.backups b ON "
-                     "(q.backup_no=b.backup_no) WHERE (q.status & %d) != 0) ORDER BY position LIMIT 1",
-                     1, -1, 208); }},
+     [] { return sqlf(queuesql::kGetReplicationStatus, 42ULL); }},
+    {"queue_dequeue_select", Check::Prepare, [] { return sqlf(queuesql::kDequeueSelect, 1, -1, 208); }},
     {"queue_dequeue_update", Check::Prepare,
-     [] { return sqlf("UPDATE %s SET status = %d, rep_start = %llu WHERE backup_no = %ld AND vault = '%s'",
-                     kQueue, 16, 1700000000ULL, 42L, "vault1"); }},
-    {"queue_enqueue_type", Check::Prepare,
-     [] { return sqlf("SELECT type FROM tq.backups WHERE backup_no = %lu ", 42UL); }},
+     [] { return sqlf(queuesql::kDequeueUpdate, kQueue, 16, 1700000000ULL, 42L, "vault1"); }},
+    {"queue_enqueue_type", Check::Prepare, [] { return sqlf(queuesql::kBackupType, 42UL); }},
     {"queue_fifo_candidates", Check::Prepare,
-     [] { return sqlf("SELECT b.backup_no FROM tq.backups b left join tq.replication_queue q ON "
-                     "(b.backup_no=q.backup_no) WHERE q.position IS NULL AND sync_status=%d AND "
-                     "(instance_id NOT IN (SELECT DISTINCT instance_id FROM tq.backups WHERE "
-                     "(properties&%d)=%d AND (status&%d)=0) OR ((properties&%d)=%d AND (b.status&%d)=0 "
-                     "AND type IN (%u,%u,%u))) ORDER BY backup_no ASC",
-                     1, 2048, 2048, 80, 2048, 2048, 512, 1u, 12u, 1031u); }},
+     [] { return sqlf(queuesql::kFifoCandidates, 1, 2048, 2048, 80, 2048, 2048, 512, 1u, 12u, 1031u); }},
     {"queue_fifo_out_of_order", Check::Prepare,
-     [] { return sqlf("SELECT q.backup_no FROM tq.replication_queue q JOIN tq.backups b ON "
-                     "(q.backup_no=b.backup_no) WHERE q.backup_no>%ld AND q.vault = '%s' AND "
-                     "b.instance_id=(SELECT instance_id FROM tq.backups WHERE backup_no=%ld)",
-                     42L, "vault1", 42L); }},
+     [] { return sqlf(queuesql::kFifoNewerQueued, 42L, "vault1", 42L); }},
     // The blank before WHERE is missing: PostgreSQL 15 reads "1WHERE" as a malformed number.
-    {"queue_clear_sync_needed", Check::Refused,
-     [] { return sqlf("UPDATE tq.backups SET sync_status = sync_status & ~%dWHERE (backup_no = %d)",
-                     1, 42); }, "trailing junk"},
-    {"queue_set_sync_done", Check::Refused,
-     [] { return sqlf("UPDATE tq.backups SET sync_status = sync_status | %dWHERE (backup_no = %d)",
-                     2, 42); }, "trailing junk"},
-    {"queue_lifo_instances", Check::Prepare,
-     [] { return sqlf("SELECT instance_id FROM tq.application_instances ORDER BY priority DESC"); }},
+    {"queue_clear_sync_needed", Check::Refused, [] { return sqlf(queuesql::kClearSyncNeeded, 1, 42); },
+     "trailing junk"},
+    {"queue_set_sync_done", Check::Refused, [] { return sqlf(queuesql::kSetSyncDone, 2, 42); }, "trailing junk"},
+    {"queue_lifo_instances", Check::Prepare, [] { return std::string(queuesql::kLifoInstances); }},
     {"queue_lifo_newest", Check::Prepare,
-     [] { return sqlf("SELECT backup_no,sync_status FROM tq.backups WHERE CASE WHEN (SELECT start_time "
-                     "FROM tq.backups WHERE instance_id=%llu AND (status & %d )=%d ORDER BY start_time "
-                     "DESC LIMIT 1) IS NOT NULL THEN start_time<(SELECT start_time FROM tq.backups WHERE "
-                     "instance_id=%llu AND (status & %d )=%d ORDER BY start_time DESC LIMIT 1) ELSE TRUE "
-                     "END AND(status & %d )=0 AND instance_id=%llu  ORDER BY start_time DESC LIMIT 1",
-                     7ULL, 512, 512, 7ULL, 512, 512, 512, 7ULL); }},
+     [] { return sqlf(queuesql::kLifoNewest, 7ULL, 512, 512, 7ULL, 512, 512, 512, 7ULL); }},
     {"queue_lifo_prior_marked", Check::Prepare,
-     [] { return sqlf("SELECT backup_no FROM tq.backups WHERE instance_id=(SELECT instance_id FROM "
-                     "tq.backups WHERE backup_no=%ld) AND (properties & %d)=%d AND (status & %d )=0 AND "
-                     "(sync_status & %d)=%d AND start_time<=(SELECT start_time FROM tq.backups WHERE "
-                     "backup_no=%ld) ",
-                     42L, 2048, 2048, 80, 1, 1, 42L); }},
+     [] { return sqlf(queuesql::kLifoSyntheticWaiting, 42L, 2048, 2048, 80, 1, 1, 42L); }},
     {"queue_lifo_candidate_full", Check::Prepare,
-     [] { return sqlf("SELECT backup_no FROM tq.backups WHERE backup_no=%ld AND (properties&%d)=%d AND "
-                     "(status&%d)=0 AND type IN (%u,%u,%u) AND (sync_status & %d)=%d",
-                     42L, 2048, 2048, 512, 1u, 12u, 1031u, 1, 1); }},
+     [] { return sqlf(queuesql::kLifoSyntheticFull, 42L, 2048, 2048, 512, 1u, 12u, 1031u, 1, 1); }},
     {"queue_prune_clear_sync", Check::Prepare,
-     [] { return sqlf("UPDATE tq.backups SET sync_status=(sync_status & ~%d) WHERE backup_no IN ( SELECT "
-                     "q.backup_no FROM tq.replication_queue q JOIN tq.backups b ON (q.backup_no = "
-                     "b.backup_no) WHERE b.instance_id=(SELECT instance_id FROM tq.backups WHERE "
-                     "backup_no=%d) AND b.start_time<(SELECT start_time FROM tq.backups WHERE "
-                     "backup_no=%d) AND q.status=%d AND q.vault='%s' AND b.type != %d) OR backup_no IN ( "
-                     "SELECT backup_no FROM tq.backups b WHERE backup_no NOT IN (SELECT backup_no FROM "
-                     "tq.replication_queue) AND b.instance_id=(SELECT instance_id FROM tq.backups WHERE "
-                     "backup_no=%d) AND b.start_time<(SELECT start_time FROM tq.backups WHERE "
-                     "backup_no=%d) AND b.type = %d ) ",
-                     1, 42, 42, 1, "vault1", 1024, 42, 42, 1024); }},
+     [] { return sqlf(queuesql::kPruneClearSync, 1, 42, 42, 1, "vault1", 1024, 42, 42, 1024); }},
     {"queue_prune_delete", Check::Prepare,
-     [] { return sqlf("DELETE FROM tq.replication_queue WHERE backup_no IN ( SELECT q.backup_no FROM "
-                     "tq.replication_queue q JOIN tq.backups b ON (q.backup_no = b.backup_no) WHERE "
-                     "b.instance_id=(SELECT instance_id FROM tq.backups WHERE backup_no=%d) AND "
-                     "b.start_time<(SELECT start_time FROM tq.backups WHERE backup_no=%d) AND q.status=%d "
-                     "AND q.vault='%s' AND b.sync_status!=%d)",
-                     42, 42, 1, "vault1", 1); }},
+     [] { return sqlf(queuesql::kPruneDelete, 42, 42, 1, "vault1", 1); }},
     {"queue_swap", Check::Prepare,
-     [] { return sqlf("UPDATE %s  SET position = CASE backup_no  WHEN %lu THEN  CASE vault  WHEN '%s' THEN "
-                     " (SELECT position FROM %s WHERE backup_no = %lu AND vault = '%s')  ELSE position  "
-                     "END  WHEN %lu THEN  CASE vault  WHEN '%s' THEN  (SELECT position FROM %s WHERE "
-                     "backup_no = %lu AND vault = '%s')  ELSE position  END  END  WHERE backup_no IN "
-                     "(%lu,%lu)",
-                     kQueue, 42UL, "vault1", kQueue, 43UL, "vault1", 43UL, "vault1", kQueue, 42UL, "vault1", 42UL,
-                     43UL); }},
-    {"queue_repair_backup", Check::Prepare,
-     [] { return sqlf("SELECT start_time, instance_id FROM tq.backups WHERE backup_no=%llu",
-                     42ULL); }},
+     [] {
+         return sqlf(queuesql::kSwap, kQueue, 42UL, "vault1", kQueue, 43UL, "vault1", 43UL, "vault1", kQueue, 42UL,
+                     "vault1", 42UL, 43UL);
+     }},
+    {"queue_swap_vaults", Check::Prepare,
+     [] {
+         return sqlf(queuesql::kSwapVaults, kQueue, "vault1", kQueue, 42UL, "vault2", "vault2", kQueue, 42UL,
+                     "vault1", 42UL, "vault1", "vault2");
+     }},
+    {"queue_repair_backup", Check::Prepare, [] { return sqlf(queuesql::kRepairBackupInfo, 42ULL); }},
     {"queue_repair_later_complete", Check::Prepare,
-     [] { return sqlf("SELECT q.backup_no FROM tq.replication_queue q JOIN tq.backups b ON "
-                     "(q.backup_no=b.backup_no) WHERE b.instance_id=%lu AND b.start_time>%lu AND q.status "
-                     "= %d", 7UL, 1700000000UL, 2); }},
+     [] { return sqlf(queuesql::kRepairLaterComplete, 7UL, 1700000000UL, 2); }},
     {"queue_repair_later_rows", Check::Prepare,
-     [] { return sqlf("SELECT q.backup_no FROM tq.replication_queue q JOIN tq.backups b ON "
-                     "(q.backup_no=b.backup_no) WHERE b.instance_id=%lu AND b.start_time>%lu",
-                     7UL, 1700000000UL); }},
-    {"queue_repair_delete", Check::Prepare,
-     [] { return sqlf("DELETE FROM replication_queue WHERE backup_no=%llu", 43ULL); }},
-    {"queue_repair_status", Check::Prepare,
-     [] { return sqlf("UPDATE tq.replication_queue SET status=%d WHERE backup_no=%llu",
-                     1, 42ULL); }},
-    // Backup group lookups
-    {"groups_synthesis_backup", Check::Prepare,
-     [] { return sqlf("SELECT node_no, instance_id, status, tape_no, properties, type FROM backups WHERE "
-                     "backup_no = %lu", 42UL); }},
+     [] { return sqlf(queuesql::kRepairLaterRows, 7UL, 1700000000UL); }},
+    {"queue_repair_delete", Check::Prepare, [] { return sqlf(queuesql::kRepairDelete, 43ULL); }},
+    {"queue_repair_status", Check::Prepare, [] { return sqlf(queuesql::kRepairReset, 1, 42ULL); }},
+    // Backup group lookups (admin/tqsqlQueries.h)
+    {"groups_synthesis_backup", Check::Prepare, [] { return sqlf(adminsql::kSynthBackupAttributes, 42UL); }},
     {"groups_synthesis_members", Check::Prepare,
-     [] { return sqlf("SELECT backup_no FROM successful_backups WHERE type IN(%s) AND node_no=%lu AND "
-                     "instance_id=%lu AND backup_no <= %lu AND (CASE WHEN %d=1 THEN type != %d OR "
-                     "(properties & %lu) = 0 ELSE 1=1 END) AND (CASE WHEN %d=1 THEN type != %d OR "
-                     "(properties & %lu) = 0 ELSE 1=1 END) AND ((backup_no >= COALESCE((SELECT backup_no "
-                     "FROM successful_backups WHERE type IN(%d,%d) AND node_no=%lu AND instance_id=%lu "
-                     "AND backup_no <= %lu AND (CASE WHEN %d=1 THEN type != %d OR (properties & %lu) = 0 "
-                     "ELSE 1=1 END) AND (CASE WHEN %d=1 THEN type != %d OR (properties & %lu) = 0 ELSE "
-                     "1=1 END) ORDER BY backup_no DESC LIMIT 1), 0)) OR (backup_no = (SELECT backup_no "
-                     "FROM successful_backups WHERE type=%d AND node_no=%lu AND instance_id=%lu AND "
-                     "backup_no <= %lu ORDER BY backup_no DESC LIMIT 1))) ORDER BY backup_no",
-                     "1,2,3", 3UL, 7UL, 42UL, 0, 2, 2048UL, 0, 1, 2048UL, 2, 1, 3UL, 7UL, 42UL, 0, 2, 2048UL, 0, 1,
-                     2048UL, 1, 3UL, 7UL, 42UL); }},
-    {"groups_restore_backup", Check::Prepare,
-     [] { return sqlf("SELECT status, type, properties, start_time, node_no, tape_no FROM backups WHERE "
-                     "backup_no = %lu", 42UL); }},
+     [] {
+         return sqlf(adminsql::kSynthGroup, "1,2,3", 3UL, 7UL, 42UL, 0, 2, 2048UL, 0, 1, 2048UL, 2, 1, 3UL, 7UL,
+                     42UL, 0, 2, 2048UL, 0, 1, 2048UL, 1, 3UL, 7UL, 42UL);
+     }},
+    {"groups_restore_backup", Check::Prepare, [] { return sqlf(adminsql::kRestoreBackupAttributes, 42UL); }},
     {"groups_restore_sql_file_group", Check::Prepare,
-     [] { return sqlf("SELECT s.sql_type, %s FROM sql_backups AS s INNER JOIN sql_backups AS orig  "
-                     "ON(orig.node_no = s.node_no   AND LOWER(orig.database_name)     = "
-                     "LOWER(s.database_name)   AND LOWER(orig.server_instance_name)     = "
-                     "LOWER(s.server_instance_name)   AND orig.group_file_order = s.group_file_order  ) "
-                     "INNER JOIN backups AS b ON (s.sql_ref = b.backup_no) WHERE orig.sql_ref = %lu  AND "
-                     "(s.sql_type = %u   OR s.file_order_no >= (    SELECT file_order_no    FROM "
-                     "sql_backups WHERE node_no = orig.node_no     AND LOWER(database_name)       = "
-                     "LOWER(orig.database_name)     AND LOWER(server_instance_name)       = "
-                     "LOWER(orig.server_instance_name) AND group_file_order = orig.group_file_order AND "
-                     "file_order_no <= orig.file_order_no AND sql_type IN (%u, %u)    ORDER BY "
-                     "file_order_no DESC LIMIT 1   )  ) AND s.file_order_no <= orig.file_order_no AND %s "
-                     "ORDER BY backup_no",
-                     kFieldList, 42UL, 1u, 1u, 2u, strictFilter().c_str()); }},
+     [] {
+         return sqlf(adminsql::kSqlFileGroup, adminsql::kRestoreFields, 42UL, 9u, 9u, 10u, strictFilter().c_str());
+     }},
     {"groups_restore_family_of_three", Check::Prepare,
-     [] { return sqlf("SELECT * FROM tq.tqGetRestoreGroupOptimized(%lu, '{%d,%d,%d}','%s')",
-                     42UL, 12, 13, 14, strictFilter().c_str()); }},
+     [] { return sqlf(adminsql::kRestoreGroup3, 42UL, 12, 13, 14, strictFilter().c_str()); }},
     {"groups_restore_family_of_two", Check::Prepare,
-     [] { return sqlf("SELECT * FROM tq.tqGetRestoreGroupOptimized(%lu, '{%d,%d}','%s')",
-                     42UL, 1034, 1035, strictFilter().c_str()); }},
+     [] { return sqlf(adminsql::kRestoreGroup2, 42UL, 1034, 1035, strictFilter().c_str()); }},
     {"groups_restore_own_type", Check::Prepare,
-     [] { return sqlf("SELECT * FROM tq.tqGetRestoreGroupOptimized(%lu, '{%lu}','%s')",
-                     42UL, 1UL, looseFilter().c_str()); }},
-    {"groups_application_info", Check::Prepare,
-     [] { return sqlf("SELECT b.instance_id, ai.app_id, al.name FROM backups b INNER JOIN "
-                     "application_instances ai USING (instance_id) INNER JOIN application_lookup al ON "
-                     "ai.app_id = al.app_id WHERE b.backup_no = %lu",
-                     42UL); }},
-    {"groups_is_encrypted", Check::Prepare,
-     [] { return sqlf("SELECT (properties & %lu) > 0 AS encrypted FROM backups WHERE backup_no = %d",
-                     0x100UL, 42); }},
-    {"groups_instance_name", Check::Prepare,
-     [] { return sqlf("SELECT key1, key2, key3, key4, type FROM application_lookup JOIN "
-                     "application_instances USING(app_id) WHERE instance_id = %lu",
-                     7UL); }},
-    {"groups_column_exists", Check::Prepare,
-     [] { return sqlf("SELECT COUNT(*) FROM pg_catalog.pg_class c, pg_catalog.pg_namespace n, "
-                     "pg_catalog.pg_attribute a WHERE a.attnum > 0 AND NOT a.attisdropped AND a.attrelid "
-                     "= c.oid AND c.relnamespace = n.oid AND n.nspname = 'tq' AND c.relname = %s AND "
-                     "a.attname = %s", "$1", "$2"); }},
+     [] { return sqlf(adminsql::kRestoreGroup1, 42UL, 1UL, looseFilter().c_str()); }},
+    {"groups_application_info", Check::Prepare, [] { return sqlf(adminsql::kApplicationInfo, 42UL); }},
+    {"groups_is_encrypted", Check::Prepare, [] { return sqlf(adminsql::kIsEncrypted, 0x100UL, 42); }},
+    {"groups_instance_name", Check::Prepare, [] { return sqlf(adminsql::kInstanceName, 7UL); }},
+    {"groups_column_exists", Check::Prepare, [] { return sqlf(adminsql::kColumnExists, "$1", "$2"); }},
     // The replication worker
     {"worker_local_status", Check::Prepare,
      [] { return sqlf("SELECT status FROM tq.backups WHERE backup_no=%ld", 42L); }},
