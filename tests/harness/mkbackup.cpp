@@ -23,23 +23,29 @@ std::string readAll(int fd)
     return text;
 }
 
+// Reads the line "backup_no=<N> path=<file> entries=<count> bytes=<length>";
+// other output (--help, --list) leaves the fields alone.
 void parseSuccessLine(MkbackupResult& r)
 {
-    std::istringstream words(r.out);
-    std::string word;
-    while (words >> word) {
-        auto eq = word.find('=');
-        if (eq == std::string::npos)
+    std::istringstream lines(r.out);
+    std::string line;
+    while (std::getline(lines, line)) {
+        if (line.rfind("backup_no=", 0) != 0)
             continue;
-        std::string key = word.substr(0, eq), value = word.substr(eq + 1);
-        if (key == "backup_no")
-            r.backupNo = std::stoll(value);
-        else if (key == "path")
-            r.path = value;
-        else if (key == "entries")
-            r.entries = std::stoull(value);
-        else if (key == "bytes")
-            r.bytes = std::stoull(value);
+        std::istringstream words(line);
+        std::string word;
+        while (words >> word) {
+            auto eq = word.find('=');
+            std::string key = word.substr(0, eq), value = word.substr(eq + 1);
+            if (key == "backup_no")
+                r.backupNo = strtoll(value.c_str(), nullptr, 10);
+            else if (key == "path")
+                r.path = value;
+            else if (key == "entries")
+                r.entries = strtoull(value.c_str(), nullptr, 10);
+            else if (key == "bytes")
+                r.bytes = strtoull(value.c_str(), nullptr, 10);
+        }
     }
 }
 
