@@ -275,14 +275,10 @@ void PgClusterEnvironment::cleanup()
         setenv("PGSERVICEFILE", savedServiceFile_.c_str(), 1);
     else
         unsetenv("PGSERVICEFILE");
+    // The guardian finds nothing left to do and ends by itself.
     if (guardianFd_ >= 0) {
         close(guardianFd_);
         guardianFd_ = -1;
-    }
-    if (guardianPid_ > 0) {
-        int status;
-        waitpid(guardianPid_, &status, 0);
-        guardianPid_ = -1;
     }
 }
 
@@ -295,10 +291,14 @@ void PgClusterEnvironment::startGuardian()
     }
     RunAs as{asRoot_, runUid_, runGid_};
     fflush(nullptr);
+    // Forked twice, so the guardian is nobody's child here: code under test
+    // that waits for "any child" never sees it.
     pid_t pid = fork();
     if (pid == 0) {
         close(fds[1]);
-        guardianMain(fds[0], baseDir_, dataDir_, as);
+        if (fork() == 0)
+            guardianMain(fds[0], baseDir_, dataDir_, as);
+        _exit(0);
     }
     close(fds[0]);
     if (pid < 0) {
@@ -306,7 +306,9 @@ void PgClusterEnvironment::startGuardian()
         ADD_FAILURE() << "fork: " << strerror(errno);
         return;
     }
-    guardianPid_ = pid;
+    int status;
+    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
     guardianFd_ = fds[1];
 }
 

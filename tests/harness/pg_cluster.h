@@ -89,7 +89,6 @@ private:
     uid_t runUid_ = 0;
     gid_t runGid_ = 0;
     int guardianFd_ = -1;
-    pid_t guardianPid_ = -1;
     pid_t ownerPid_ = -1;
     std::string savedServiceFile_;
     bool hadServiceFile_ = false;
