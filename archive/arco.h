@@ -254,6 +254,7 @@ int arco_backup_no_from_name(const char* path, int64_t* backupNo);
 
 // Finds backup `backupNo` on disk through the database: the device directory
 // of its tape, then "backup_<N>.gz", then "backup_<N>". 0 with the readable
-// path and the properties word; -1 with errno ENOENT (not found, logged with
-// the names tried), EBADMSG (the query failed) or ENOMEM.
+// path and the properties word; -1 with errno ENOENT (neither name can be
+// read: logged with the names tried) or EBADMSG (the query failed or found
+// no row: logged). Uses the process's current database connection.
 int arco_find_backup(int64_t backupNo, std::string* path, uint32_t* properties);
