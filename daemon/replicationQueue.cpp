@@ -20,6 +20,10 @@
 
 const char* const QUEUE_DATABASE = "tq.replication_queue";
 
+// Formats a statement into the array `buf`; false (logged "Query too long
+// for buffer" with the caller's line) when it does not fit. Nothing is sent.
+#define QUERY_FITS(buf, ...) (pgFormatQuery(buf, sizeof(buf), __FILE__, __LINE__, __VA_ARGS__) == 0)
+
 namespace {
 
 using namespace queuesql;
@@ -35,10 +39,6 @@ constexpr int kSyntheticProperty = 2048;  // the property bit the schemes test
 constexpr int kRunningStatus = 512;
 constexpr int kNotGoodStatus = 80;
 constexpr int kBareMetalType = 1024;
-
-// Formats a statement into the array `buf`; false (logged "Query too long
-// for buffer" with the caller's line) when it does not fit. Nothing is sent.
-#define QUERY_FITS(buf, ...) (pgFormatQuery(buf, sizeof(buf), __FILE__, __LINE__, __VA_ARGS__) == 0)
 
 struct ResultDeleter {
     void operator()(pgResult* r) const { pgClear(r); }
@@ -100,7 +100,7 @@ int readBackupType(uint64_t backup_no, int* type)
     if (!res)
         return -1;
     if (pgTuples(res.get()) != 1) {
-        log_printf(0, "%s:%d: Backup #%lu not found; nothing queued\n", __FILE__, __LINE__, ul(backup_no));
+        log_printf(0, "%s:%d: Backup #%lu not found in tq.backups\n", __FILE__, __LINE__, ul(backup_no));
         return -1;
     }
     *type = static_cast<int>(pgLongVal(res.get(), 0, "type"));
