@@ -20,6 +20,7 @@
 #include <sstream>
 #include <string>
 #include <sys/time.h>
+#include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
 #include <vector>
@@ -761,6 +762,57 @@ TEST_F(LoggerTest, ConcurrentWritersAndLoggingHandlersKeepLinesWhole)
         EXPECT_EQ(nextLine[t], kLines) << t;
     EXPECT_EQ(signalLines, g_handled.load());
     EXPECT_GT(g_handled.load(), 0);
+}
+
+TEST_F(LoggerTest, ForkWhileOtherThreadsWriteLeavesTheChildAbleToLog)
+{
+    ASSERT_EQ(open_log("fork.log"), 0);
+    std::atomic<bool> stop {false};
+    std::vector<std::thread> writers;
+    for (int t = 0; t < 2; ++t)
+        writers.emplace_back([t, &stop] {
+            for (int i = 0; !stop; ++i)
+                log_printf(0, "%s:%d: writer %d line %d", "fork.cpp", 1, t, i);
+        });
+    constexpr int kChildren = 40;
+    int ended = 0;
+    for (int c = 0; c < kChildren; ++c) {
+        pid_t pid = fork();
+        if (pid < 0) {
+            ADD_FAILURE() << "fork: " << strerror(errno);
+            break;
+        }
+        if (pid == 0) {
+            log_printf(0, "%s:%d: child %d", "fork.cpp", 2, c);
+            _exit(0);
+        }
+        // A child that inherited a taken lock would never end; give it ample
+        // time, then kill it and stop, so the test fails instead of hanging.
+        int status = -1;
+        pid_t done = 0;
+        for (int tries = 0; tries < 10000 && (done = waitpid(pid, &status, WNOHANG)) == 0; ++tries)
+            usleep(1000);
+        if (done == 0) {
+            kill(pid, SIGKILL);
+            waitpid(pid, &status, 0);
+            ADD_FAILURE() << "child " << c << " hung in the logger";
+            break;
+        }
+        if (WIFEXITED(status) && WEXITSTATUS(status) == 0)
+            ++ended;
+    }
+    stop = true;
+    for (std::thread& th : writers)
+        th.join();
+    EXPECT_EQ(ended, kChildren);
+    flush_log();
+    int childLines = 0;
+    std::regex line(R"(^fork\.cpp:(1: writer [01] line [0-9]+|2: child [0-9]+)$)");
+    for (const std::string& l : readLines(logFile("fork.log"))) {
+        EXPECT_TRUE(std::regex_match(body(l), line)) << l;
+        childLines += l.find(": child ") != std::string::npos;
+    }
+    EXPECT_EQ(childLines, kChildren);
 }
 
 } // namespace
