@@ -5,13 +5,18 @@
 set -euo pipefail
 FERRY_TOP=$(cd "$(dirname "$0")/.." && pwd)
 . "$FERRY_TOP/scripts/lib/deps.sh"
+. "$FERRY_TOP/scripts/lib/pgcluster.sh"
 
 ferry_install_deps
 ferry_build "$FERRY_TOP/build" -DCMAKE_BUILD_TYPE=RelWithDebInfo >/dev/null
 FERRYD="$FERRY_TOP/build/daemon/ferryd"
 
 root=$(mktemp -d /tmp/ferry-demo-XXXXXX)
-trap 'rm -rf "$root"' EXIT
+pg=$(mktemp -d /tmp/ferry-demo-pg-XXXXXX)
+chmod 755 "$pg"
+trap 'ferry_pg_stop "$pg"; rm -rf "$root" "$pg"' EXIT
+echo "== private PostgreSQL cluster for the appliance database (tqdb)"
+ferry_pg_start "$pg"
 export FERRY_SYSROOT=$root
 mkdir -p "$root/etc/default" "$root/usr/tq/tqinit" "$root/var/run" "$root/dev/shm" "$root/backups"
 printf '[Location Information]\nTQDIR=%s/usr/tq\n' "$root" > "$root/etc/default/tq.ini"
