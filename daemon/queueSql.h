@@ -64,12 +64,12 @@ inline constexpr const char* kFifoNewerQueued =
     "q.backup_no>%ld AND q.vault = '%s' AND b.instance_id=(SELECT instance_id FROM tq.backups WHERE "
     "backup_no=%ld)";
 
-// The sync bit updates lack the blank before WHERE, as they always have.
-// PostgreSQL 15 and later reject "1WHERE" as trailing junk after a number,
-// so there both statements fail and are logged as failures.
+// The sync bit updates were long written without a blank before WHERE
+// ("~%dWHERE"). PostgreSQL 15 refuses "1WHERE" as trailing junk after a
+// number, which would leave every bit update failing, so the blank is there.
 inline constexpr const char* kClearSyncNeeded =
-    "UPDATE tq.backups SET sync_status = sync_status & ~%dWHERE (backup_no = %d)";
-inline constexpr const char* kSetSyncDone = "UPDATE tq.backups SET sync_status = sync_status | %dWHERE (backup_no = %d)";
+    "UPDATE tq.backups SET sync_status = sync_status & ~%d WHERE (backup_no = %d)";
+inline constexpr const char* kSetSyncDone = "UPDATE tq.backups SET sync_status = sync_status | %d WHERE (backup_no = %d)";
 
 inline constexpr const char* kLifoInstances = "SELECT instance_id FROM tq.application_instances ORDER BY priority DESC";
 // (instance, 512, 512, instance, 512, 512, 512, instance).
