@@ -36,19 +36,7 @@ constexpr unsigned kSqlDifferential = 10;
 constexpr size_t kFilterSize = 256;
 constexpr size_t kQuerySize = 4096;
 
-struct ResultDeleter {
-    void operator()(pgResult* r) const { pgClear(r); }
-};
-using Result = std::unique_ptr<pgResult, ResultDeleter>;
-
-// Keeps the function's name on the log's name stack for its whole run.
-class NameScope {
-public:
-    explicit NameScope(const char* name) { push_name(name); }
-    ~NameScope() { pop_name(); }
-    NameScope(const NameScope&) = delete;
-    NameScope& operator=(const NameScope&) = delete;
-};
+using Result = pgResultHolder;
 
 // A refusal or failure: the last error and the log line. Returns -1.
 __attribute__((format(printf, 3, 4))) int fail(const char* function, int line, const char* fmt, ...)
@@ -444,7 +432,7 @@ int tqGetSynthesisGroup(uint64_t backup_no, int ignoreSyntheticDifferentials, in
     uint32_t** list, int* count, char** text)
 {
     const char* fn = "tqGetSynthesisGroup";
-    NameScope scope(fn);
+    NameStackScope scope(fn);
     if (list)
         *list = nullptr;
     if (count)
@@ -470,7 +458,7 @@ int tqGetSynthesisGroup(uint64_t backup_no, int ignoreSyntheticDifferentials, in
 int tqGetRestoreGroupOptimized(uint64_t backup_no, restoreGroupEntry** list, size_t* count)
 {
     const char* fn = "tqGetRestoreGroupOptimized";
-    NameScope scope(fn);
+    NameStackScope scope(fn);
     if (list == nullptr || count == nullptr)
         return fail(fn, __LINE__, "List and count parameters cannot be null.");
     *list = nullptr;

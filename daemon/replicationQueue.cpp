@@ -40,10 +40,7 @@ constexpr int kRunningStatus = 512;
 constexpr int kNotGoodStatus = 80;
 constexpr int kBareMetalType = 1024;
 
-struct ResultDeleter {
-    void operator()(pgResult* r) const { pgClear(r); }
-};
-using Result = std::unique_ptr<pgResult, ResultDeleter>;
+using Result = pgResultHolder;
 
 // Runs a finished statement. nullptr (logged "Failed query\n") on failure.
 Result runQuery(const char* sql)

@@ -120,5 +120,14 @@ int error_printf(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 int push_name(const char* name);
 int pop_name();
 const char* dbproc_name();
+
+// Keeps a function's name on the name stack for the life of the object.
+class NameStackScope {
+public:
+    explicit NameStackScope(const char* name) { push_name(name); }
+    ~NameStackScope() { pop_name(); }
+    NameStackScope(const NameStackScope&) = delete;
+    NameStackScope& operator=(const NameStackScope&) = delete;
+};
 // Logs "Stack Procedure Trace Dump:" and every entry at level 1.
 void dump_name_stack();

@@ -28,10 +28,7 @@ struct FreeDeleter {
 };
 using CString = std::unique_ptr<char, FreeDeleter>;
 
-struct ResultDeleter {
-    void operator()(pgResult* r) const { pgClear(r); }
-};
-using ResultHolder = std::unique_ptr<pgResult, ResultDeleter>;
+using ResultHolder = pgResultHolder;
 
 // Whether a line at `level` would be written; saves building long lines
 // nobody reads. log_level above 99 is the simple writer plus 100.
@@ -827,45 +824,58 @@ pgResult* pgExec(const char* text)
     return res;
 }
 
+namespace {
+
+// Formats a statement onto the heap; nullptr (logged) when out of memory.
+CString formatOnHeap(const char* fmt, va_list ap)
+{
+    char* text = nullptr;
+    if (vasprintf(&text, fmt, ap) < 0) {
+        log_printf(0, "%s:%d: Could not allocate query string\n", __FILE__, __LINE__);
+        return nullptr;
+    }
+    return CString(text);
+}
+
+// Formats a statement into a fixed buffer. False, with "Query too long for
+// buffer" logged for the caller's file and line, when it does not fit.
+bool formatIntoBuffer(char* buf, size_t size, const char* file, int line, const char* fmt, va_list ap)
+{
+    int n = buf && size > 0 ? vsnprintf(buf, size, fmt, ap) : -1;
+    if (n <= 0 || static_cast<size_t>(n) >= size) {
+        log_printf(0, "%s:%d: Query too long for buffer", file, line);
+        return false;
+    }
+    return true;
+}
+
+} // namespace
+
 pgResult* pgVExec(const char* fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    char* text = nullptr;
-    int n = vasprintf(&text, fmt, ap);
+    CString text = formatOnHeap(fmt, ap);
     va_end(ap);
-    if (n < 0) {
-        log_printf(0, "%s:%d: Could not allocate query string\n", __FILE__, __LINE__);
-        return nullptr;
-    }
-    CString owned(text);
-    return pgExec(owned.get());
+    return text ? pgExec(text.get()) : nullptr;
 }
 
 int pgFormatQuery(char* buf, size_t size, const char* file, int line, const char* fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    int n = buf && size > 0 ? vsnprintf(buf, size, fmt, ap) : -1;
+    bool fits = formatIntoBuffer(buf, size, file, line, fmt, ap);
     va_end(ap);
-    if (n <= 0 || static_cast<size_t>(n) >= size) {
-        log_printf(0, "%s:%d: Query too long for buffer", file, line);
-        return -1;
-    }
-    return 0;
+    return fits ? 0 : -1;
 }
 
 pgResult* pgSExec(char* buf, size_t size, const char* fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    int n = buf && size > 0 ? vsnprintf(buf, size, fmt, ap) : -1;
+    bool fits = formatIntoBuffer(buf, size, __FILE__, __LINE__, fmt, ap);
     va_end(ap);
-    if (n <= 0 || static_cast<size_t>(n) >= size) {
-        log_printf(0, "%s:%d: Query too long for buffer", __FILE__, __LINE__);
-        return nullptr;
-    }
-    return pgExec(buf);
+    return fits ? pgExec(buf) : nullptr;
 }
 
 pgResult* pgQuery(const char* fmt, ...)
@@ -912,15 +922,9 @@ pgResult* pgVSend(const char* fmt, ...)
 {
     va_list ap;
     va_start(ap, fmt);
-    char* text = nullptr;
-    int n = vasprintf(&text, fmt, ap);
+    CString text = formatOnHeap(fmt, ap);
     va_end(ap);
-    if (n < 0) {
-        log_printf(0, "%s:%d: Could not allocate query string\n", __FILE__, __LINE__);
-        return nullptr;
-    }
-    CString owned(text);
-    return pgSend(owned.get());
+    return text ? pgSend(text.get()) : nullptr;
 }
 
 namespace {

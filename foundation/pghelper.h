@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstddef>
+#include <memory>
 #include <libpq-fe.h>
 
 // One column of a result: its name and number.
@@ -78,6 +79,12 @@ int pgStatus(const pgResult* res);
 int pgClear(pgResult* res);
 // pgClear(*res), then *res = nullptr. Returns 0.
 int pgClearPtr(pgResult** res);
+
+// Owns a pgResult and frees it with pgClear on every path.
+struct pgResultDeleter {
+    void operator()(pgResult* res) const { pgClear(res); }
+};
+using pgResultHolder = std::unique_ptr<pgResult, pgResultDeleter>;
 // Rows in the result; 0 (logged) for none.
 int pgTuples(const pgResult* res);
 // Rows affected by the statement; 0 when none is reported.
