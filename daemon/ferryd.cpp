@@ -385,6 +385,9 @@ void cleanup()
 
 void clearPidFile()
 {
+    // A daemon started with -d never wrote a pid file.
+    if (g_daemon.pidFilePath[0] == '\0')
+        return;
     SigchldBlock guard;
     if (unlink(g_daemon.pidFilePath) != 0) {
         log_printf(0, "%s:%d: Failed to remove pid file", __FILE__, __LINE__);
