@@ -7,6 +7,7 @@
 
 #include <libpq-fe.h>
 
+#include <algorithm>
 #include <cstdarg>
 #include <cstdio>
 #include <memory>
@@ -26,21 +27,19 @@ using Result = std::unique_ptr<PGresult, ResultCloser>;
 using Rows = std::vector<std::vector<std::string>>;
 
 // A new connection to tqdb of this binary's cluster, with no options: the
-// search path is what the database itself says. Adds a failure and returns
-// an empty holder when the connection cannot be made.
+// search path is what the database itself says. Empty (and a test failure)
+// when it cannot be made.
 inline Conn connect()
 {
-    ferrytest::PgClusterEnvironment* env = ferrytest::pgCluster();
-    if (env == nullptr) {
-        ADD_FAILURE() << "no PostgreSQL cluster registered";
+    if (ferrytest::pgCluster() == nullptr) {
+        ADD_FAILURE() << "no PostgreSQL cluster registered in this test binary";
         return nullptr;
     }
-    Conn conn(PQconnectdb(env->connString().c_str()));
-    if (PQstatus(conn.get()) != CONNECTION_OK) {
-        ADD_FAILURE() << "connect: " << PQerrorMessage(conn.get());
-        return nullptr;
-    }
-    return conn;
+    Conn conn(PQconnectdb(ferrytest::pgCluster()->connString().c_str()));
+    if (PQstatus(conn.get()) == CONNECTION_OK)
+        return conn;
+    ADD_FAILURE() << "connect: " << PQerrorMessage(conn.get());
+    return nullptr;
 }
 
 // Runs `sql`; true when the server accepted it. On refusal the server's
@@ -64,16 +63,14 @@ inline Rows rows(PGconn* conn, const std::string& sql)
 {
     Rows out;
     Result res(PQexec(conn, sql.c_str()));
-    if (PQresultStatus(res.get()) != PGRES_TUPLES_OK) {
+    if (PQresultStatus(res.get()) != PGRES_TUPLES_OK)
         ADD_FAILURE() << PQerrorMessage(conn) << "statement: " << sql;
-        return out;
-    }
-    for (int r = 0; r < PQntuples(res.get()); ++r) {
-        std::vector<std::string> row;
-        for (int c = 0; c < PQnfields(res.get()); ++c)
-            row.emplace_back(PQgetvalue(res.get(), r, c));
-        out.push_back(std::move(row));
-    }
+    else
+        for (int r = 0; r < PQntuples(res.get()); ++r) {
+            out.emplace_back();
+            for (int c = 0; c < PQnfields(res.get()); ++c)
+                out.back().emplace_back(PQgetvalue(res.get(), r, c));
+        }
     return out;
 }
 
@@ -82,7 +79,7 @@ inline std::vector<std::string> column(PGconn* conn, const std::string& sql)
 {
     std::vector<std::string> out;
     for (auto& row : rows(conn, sql))
-        out.push_back(row.empty() ? "" : row[0]);
+        out.push_back(row.at(0));
     return out;
 }
 
@@ -90,15 +87,12 @@ inline std::vector<std::string> column(PGconn* conn, const std::string& sql)
 // with sample values. The compiler checks arguments against the format.
 [[gnu::format(printf, 1, 2)]] inline std::string sqlf(const char* format, ...)
 {
-    va_list args;
+    va_list args, again;
     va_start(args, format);
-    va_list again;
     va_copy(again, args);
-    int length = std::vsnprintf(nullptr, 0, format, args);
+    std::string text(std::max(std::vsnprintf(nullptr, 0, format, args), 0), '\0');
     va_end(args);
-    std::string text(length > 0 ? static_cast<size_t>(length) : 0, '\0');
-    if (length > 0)
-        std::vsnprintf(text.data(), text.size() + 1, format, again);
+    std::vsnprintf(text.data(), text.size() + 1, format, again);
     va_end(again);
     return text;
 }
