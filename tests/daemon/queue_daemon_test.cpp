@@ -3,6 +3,7 @@
 // progress, and its first pass queues what needs sending.
 #include "harness/appliance_fixture.h"
 #include "harness/appliance_root.h"
+#include "harness/log_capture.h"
 #include "harness/pg_cluster.h"
 #include "harness/process.h"
 
@@ -24,90 +25,35 @@ std::string row(int64_t backup, const std::string& vault, int status)
     return std::to_string(backup) + ":" + vault + ":" + std::to_string(status);
 }
 
-int countOf(const std::string& text, const std::string& what)
+TEST(QueueDaemon, ResetsRowsLeftInProgressAndFillsTheQueueInOnePass)
 {
-    int n = 0;
-    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1))
-        ++n;
-    return n;
-}
+    ApplianceRoot root;
+    ApplianceDb db{root.path("/backups")};
+    Appliance a = populateAppliance(db);
+    db.addQueueRow(a.vm.full, kVault, 16);
+    db.addQueueRow(a.hv.full, kOffsiteVault, 16);
+    db.addQueueRow(a.betaMaster, kVault, 128);
+    db.setSyncStatus({a.files.diff1}, 1);
+    db.setSyncStatus({a.hv.full}, 1);   // queued for another vault already: left out
+    db.setSyncStatus({a.sql.full}, 3);  // not exactly "needs sync": left out
 
-class QueueDaemonTest : public ::testing::Test {
-protected:
-    void SetUp() override { a_ = populateAppliance(db_); }
+    // TimeDelay is long, so everything seen here happened in the first pass.
+    root.writeMasterIni("[Replication]\nEnabled=true\nSyncTo=vault\nQueueScheme=1\nTimeDelay=60\nMaxConcurrent=0\n"
+                        "\n[debugging]\nferryd=5\n");
+    pid_t pid = spawnFerryd({"-d"});
+    ASSERT_GT(pid, 0);
+    auto log = [&] { return readLogs(root.logdir(), "ferryd"); };
+    bool passed = waitFor([&] { return log().find("Handling terminated operations") != std::string::npos; }, 20s);
+    std::vector<std::string> rows = db.queueRows();
+    ASSERT_EQ(kill(pid, passed ? SIGTERM : SIGKILL), 0);
+    int status = waitChild(pid, 10s);
+    ASSERT_TRUE(passed) << log();
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << status;
 
-    void TearDown() override
-    {
-        if (pid_ > 0 && processAlive(pid_)) {
-            kill(pid_, SIGKILL);
-            waitChild(pid_, 5s);
-        }
-    }
-
-    // The daemon in the foreground (-d). TimeDelay is long, so that
-    // everything seen during a test happened in the first pass.
-    void startDaemon(int scheme)
-    {
-        root_.writeMasterIni("[Replication]\nEnabled=true\nSyncTo=vault\nQueueScheme=" + std::to_string(scheme) +
-                             "\nTimeDelay=60\nMaxConcurrent=0\n\n[debugging]\nferryd=5\n");
-        pid_ = spawnFerryd({"-d"});
-        ASSERT_GT(pid_, 0);
-    }
-
-    bool firstPassDone()
-    {
-        return countOf(log(), "Handling terminated operations") >= 1;
-    }
-
-    void stopDaemon()
-    {
-        ASSERT_EQ(kill(pid_, SIGTERM), 0);
-        int status = waitChild(pid_, 10s);
-        EXPECT_TRUE(WIFEXITED(status)) << status;
-        EXPECT_EQ(WEXITSTATUS(status), 0);
-        pid_ = 0;
-    }
-
-    std::string log() const { return readLogs(root_.logdir(), "ferryd"); }
-
-    ApplianceRoot root_;
-    ApplianceDb db_{root_.path("/backups")};
-    Appliance a_;
-    pid_t pid_ = 0;
-};
-
-TEST_F(QueueDaemonTest, RetentionSchemeFillsTheQueueInOnePass)
-{
-    db_.setSyncStatus({a_.files.diff1, a_.hv.full}, 1);
-    startDaemon(1);
-    ASSERT_TRUE(waitFor([&] { return firstPassDone(); }, 20s)) << log();
-    EXPECT_EQ(countOf(log(), "Reading master.ini"), 1);
-    EXPECT_EQ(db_.queueRows(), (std::vector<std::string>{row(a_.hv.full, kVault, 1), row(a_.files.master, kVault, 1),
-                                                        row(a_.files.diff1, kVault, 1)}));
-    EXPECT_NE(log().find("Enqueue:" + std::to_string(a_.files.diff1)), std::string::npos);
-    stopDaemon();
-}
-
-TEST_F(QueueDaemonTest, StartPutsRowsLeftInProgressBack)
-{
-    db_.addQueueRow(a_.vm.full, kVault, 16);
-    db_.addQueueRow(a_.hv.full, kOffsiteVault, 16);
-    db_.addQueueRow(a_.betaMaster, kVault, 128);
-    startDaemon(0);
-    ASSERT_TRUE(waitFor([&] { return firstPassDone(); }, 20s)) << log();
-    EXPECT_EQ(db_.queueRows(), (std::vector<std::string>{row(a_.vm.full, kVault, 1),
-                                                        row(a_.hv.full, kOffsiteVault, 1),
-                                                        row(a_.betaMaster, kVault, 128)}));
-    stopDaemon();
-}
-
-TEST_F(QueueDaemonTest, SchemeZeroAddsNothing)
-{
-    db_.setSyncStatus({a_.files.diff1, a_.hv.full}, 1);
-    startDaemon(0);
-    ASSERT_TRUE(waitFor([&] { return firstPassDone(); }, 20s)) << log();
-    EXPECT_TRUE(db_.queueRows().empty());
-    stopDaemon();
+    EXPECT_EQ(countOf(log(), "Reading master.ini"), 1u);
+    EXPECT_EQ(rows, (std::vector<std::string>{row(a.vm.full, kVault, 1), row(a.hv.full, kOffsiteVault, 1),
+                                              row(a.betaMaster, kVault, 128), row(a.files.master, kVault, 1),
+                                              row(a.files.diff1, kVault, 1)}));
 }
 
 } // namespace

@@ -108,46 +108,42 @@ protected:
         args.insert(args.begin(), "util");
         return runFerryd(args);
     }
-    // The log of the last run: each run writes an instance of its own and
-    // the appliance keeps only the newest instances.
-    std::string log() const { return readLogs(root_.logdir(), "ferryd-util"); }
+    // Every run writes a log instance of its own; the appliance keeps the newest.
+    bool logged(const std::string& line) const
+    {
+        return readLogs(root_.logdir(), "ferryd-util").find(line) != std::string::npos;
+    }
 
     ApplianceRoot root_;
     ApplianceDb db_{root_.path("/backups")};
     Appliance a_;
 };
 
-TEST_F(UtilityTest, NoCommandPrintsTheUsageText)
+TEST_F(UtilityTest, UsageTextForMissingOrMiscountedArgumentsSilenceForUnknownCommands)
 {
-    for (const char* face : {"util", "utility"}) {
-        RunResult r = runFerryd({face});
-        EXPECT_EQ(r.exitStatus, 0) << face;
-        EXPECT_EQ(r.out, kUsage) << face;
-    }
-    EXPECT_NE(log().find("Entering utility mode"), std::string::npos);
-}
-
-TEST_F(UtilityTest, WrongArgumentCountsPrintTheUsageText)
-{
-    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-             {"enqueue", "5"}, {"enqueue", "5", "vault", "x"}, {"peek"}, {"swap", "1", "v", "2"},
-             {"complete", "1"}, {"remove"}, {"cleanup", "1", "v", "w"}}) {
-        RunResult r = util(args);
-        EXPECT_EQ(r.exitStatus, 0) << args[0];
-        EXPECT_EQ(r.out, kUsage) << args[0];
+    struct Case {
+        std::vector<std::string> args;
+        std::string out;
+    };
+    const Case cases[] = {
+        {{"util"}, kUsage},
+        {{"utility"}, kUsage},
+        {{"util", "enqueue", "5"}, kUsage},
+        {{"util", "peek"}, kUsage},
+        {{"util", "swap", "1", "v", "2"}, kUsage},
+        {{"util", "cancel-ubi", "a", "b"}, ""},
+        {{"util", "nonsense"}, ""},
+        {{"util", "Enqueue", "1", "vault"}, ""},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(testing::PrintToString(c.args));
+        RunResult r = runFerryd(c.args);
+        EXPECT_EQ(r.exitStatus, 0);
+        EXPECT_EQ(r.out, c.out);
+        EXPECT_EQ(r.err, "");
     }
     EXPECT_TRUE(db_.queueRows().empty());
-}
-
-TEST_F(UtilityTest, UnknownCommandsAreSilent)
-{
-    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-             {"cancel-ubi", "a", "b"}, {"nonsense"}, {"Enqueue", "1", "vault"}, {"peek0"}}) {
-        RunResult r = util(args);
-        EXPECT_EQ(r.exitStatus, 0) << args[0];
-        EXPECT_EQ(r.out, "") << args[0];
-        EXPECT_EQ(r.err, "") << args[0];
-    }
+    EXPECT_TRUE(logged("Entering utility mode"));
 }
 
 TEST_F(UtilityTest, PeekPrintsTheBackupWithoutLineEnd)
@@ -159,36 +155,24 @@ TEST_F(UtilityTest, PeekPrintsTheBackupWithoutLineEnd)
     ASSERT_EQ(util({"enqueue", std::to_string(a_.vm.diff), kVault}).exitStatus, 0);
     RunResult second = util({"peek", "1"});
     EXPECT_EQ(second.out, std::to_string(a_.vm.diff));
-    EXPECT_EQ(second.exitStatus, static_cast<int>(a_.vm.diff & 0xff));  // the low byte of the number
-    EXPECT_NE(log().find("Peek at offset 1"), std::string::npos);
-    EXPECT_NE(log().find("backup_no:" + std::to_string(a_.vm.diff)), std::string::npos);
+    // The exit status is the low byte of the number printed.
+    EXPECT_EQ(second.exitStatus, static_cast<int>(a_.vm.diff & 0xff));
     EXPECT_EQ(util({"peek", "2"}).out, "0");
 }
 
 TEST_F(UtilityTest, QueueCommandsChangeRows)
 {
     std::string master = std::to_string(a_.files.master), diff = std::to_string(a_.files.diff1);
-    RunResult r = util({"enqueue", diff, kVault});
-    EXPECT_EQ(r.exitStatus, 0);
-    EXPECT_EQ(r.out, "");
-    EXPECT_EQ(db_.queueRows(), (std::vector<std::string>{row(a_.files.master, kVault, 1),
-                                                        row(a_.files.diff1, kVault, 1)}));
-    EXPECT_NE(log().find("Enqueue backup: " + diff + " to: vault"), std::string::npos);
-
-    EXPECT_EQ(util({"swap", master, kVault, diff, kVault}).exitStatus, 0);
-    EXPECT_NE(log().find("Swap " + master + " vault with " + diff + " vault"), std::string::npos);
-    EXPECT_NE(log().find("swap_rq ret = 0"), std::string::npos);
-    EXPECT_EQ(db_.queueRows(), (std::vector<std::string>{row(a_.files.diff1, kVault, 1),
-                                                        row(a_.files.master, kVault, 1)}));
-    EXPECT_EQ(util({"complete", master, kVault}).exitStatus, 0);
-    EXPECT_NE(log().find("Mark " + master + ":vault complete in queue"), std::string::npos);
-    EXPECT_EQ(util({"cleanup", diff, kVault}).exitStatus, 0);
-    EXPECT_NE(log().find("Cleanup " + diff + ":vault from queue"), std::string::npos);
-    EXPECT_EQ(db_.queueRows(), (std::vector<std::string>{row(a_.files.diff1, kVault, 32),
-                                                        row(a_.files.master, kVault, 2)}));
-    EXPECT_EQ(util({"remove", diff, kVault}).exitStatus, 0);
-    EXPECT_NE(log().find("Remove " + diff + ":vault from queue"), std::string::npos);
-    EXPECT_EQ(db_.queueRows(), (std::vector<std::string>{row(a_.files.master, kVault, 2)}));
+    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
+             {"enqueue", diff, kVault}, {"swap", master, kVault, diff, kVault}, {"complete", master, kVault},
+             {"cleanup", diff, kVault}, {"enqueue", std::to_string(a_.vm.full), kVault},
+             {"remove", std::to_string(a_.vm.full), kVault}}) {
+        RunResult r = util(args);
+        EXPECT_EQ(r.exitStatus, 0) << args[0];
+        EXPECT_EQ(r.out, "") << args[0];
+    }
+    EXPECT_EQ(db_.queueRows(),
+              (std::vector<std::string>{row(a_.files.diff1, kVault, 32), row(a_.files.master, kVault, 2)}));
 }
 
 TEST_F(UtilityTest, CreateCommands)
@@ -198,14 +182,11 @@ TEST_F(UtilityTest, CreateCommands)
     EXPECT_EQ(db_.value("SELECT string_agg(name_value, ',' ORDER BY name_id) FROM tq.operation_names WHERE name_id "
                         "BETWEEN 6 AND 9"),
               "prepare,replicate,wait,rebuild");
-    // A second run meets the names already there: -1, truncated to 255.
-    EXPECT_EQ(util({"createtypes", "extra", "words"}).exitStatus, 255);
-    EXPECT_NE(log().find("add_operation_names ret = -1"), std::string::npos);
-
-    // The table exists already, so creating it again fails and changes nothing.
+    // Run again, and the table already there: -1, which exits as 255.
+    EXPECT_EQ(util({"createtypes"}).exitStatus, 255);
     db_.addQueueRow(a_.vm.full, kVault, 1);
     EXPECT_EQ(util({"createqueue"}).exitStatus, 255);
-    EXPECT_NE(log().find("create_replication_queue ret = -1"), std::string::npos);
+    EXPECT_TRUE(logged("create_replication_queue ret = -1"));
     EXPECT_EQ(db_.queueRows().size(), 1u);
 }
 
@@ -216,36 +197,29 @@ TEST_F(UtilityTest, BadInputIsReportedAndHarmless)
         std::vector<std::string> args;
         std::string logLine;
     };
-    std::vector<Case> cases = {
+    const Case cases[] = {
         {{"enqueue", "abc", kVault}, "Invalid backup number 'abc'"},
-        {{"enqueue", "12x", kVault}, "Invalid backup number '12x'"},
-        {{"enqueue", "-3", kVault}, "Invalid backup number '-3'"},
-        {{"remove", "0", kVault}, "Invalid backup number '0'"},
+        {{"remove", "-3", kVault}, "Invalid backup number '-3'"},
         {{"enqueue", "987654", kVault}, "Backup #987654 not found"},
         {{"complete", std::to_string(a_.vm.full), std::string(80, 'v')}, "Invalid vault name"},
-        {{"enqueue", std::to_string(a_.vm.full), ""}, "Invalid vault name"},
-        {{"peek", "-1"}, "Invalid offset '-1'"},
         {{"peek", "one"}, "Invalid offset 'one'"},
     };
     for (const Case& c : cases) {
+        SCOPED_TRACE(c.logLine);
         RunResult r = util(c.args);
-        EXPECT_EQ(r.exitStatus, 255) << c.logLine;
-        EXPECT_EQ(r.out, "") << c.logLine;
-        EXPECT_NE(log().find(c.logLine), std::string::npos) << c.logLine;
+        EXPECT_EQ(r.exitStatus, 255);
+        EXPECT_EQ(r.out, "");
+        EXPECT_TRUE(logged(c.logLine));
     }
     EXPECT_EQ(db_.queueRows(), (std::vector<std::string>{row(a_.vm.full, kVault, 1)}));
 
     // A vault name with quotes is just a name.
     std::string odd = "o'brien's \"vault\"";
-    for (const std::vector<std::string>& args : std::vector<std::vector<std::string>>{
-             {"enqueue", std::to_string(a_.vm.diff), odd}, {"complete", std::to_string(a_.vm.full), odd}}) {
-        EXPECT_EQ(util(args).exitStatus, 0) << args[0];
-        EXPECT_EQ(log().find("Failed query"), std::string::npos) << args[0];
-    }
+    EXPECT_EQ(util({"enqueue", std::to_string(a_.vm.diff), odd}).exitStatus, 0);
+    EXPECT_EQ(util({"complete", std::to_string(a_.vm.full), odd}).exitStatus, 0);
+    EXPECT_FALSE(logged("Failed query"));
     EXPECT_EQ(db_.queueRows(), (std::vector<std::string>{row(a_.vm.full, kVault, 1), row(a_.vm.full, odd, 2),
                                                         row(a_.vm.diff, odd, 1)}));
-    EXPECT_EQ(util({"remove", std::to_string(a_.vm.diff), odd}).exitStatus, 0);
-    EXPECT_EQ(db_.queueStatus(a_.vm.diff, odd), -1);
 }
 
 } // namespace

@@ -122,11 +122,11 @@ void ApplianceDb::clear()
     lastStart_ = 1700000000;
 }
 
-int ApplianceDb::addNode(const std::string& name, int os)
+int ApplianceDb::addNode(const std::string& name)
 {
     std::string no = value("INSERT INTO tq.nodes (node_no, node_name, type, os, status, priority, properties) "
                            "VALUES (nextval('tq.nodes_node_no_seq'), " +
-                           sqlText(name) + ", 1, " + std::to_string(os) + ", 0, 0, 0) RETURNING node_no");
+                           sqlText(name) + ", 1, 1, 0, 0, 0) RETURNING node_no");
     return no.empty() ? 0 : std::stoi(no);
 }
 
@@ -169,8 +169,7 @@ int64_t ApplianceDb::addBackup(const BackupSpec& spec)
         "SELECT n, 1, " +
         std::to_string(spec.node_no) + ", " + std::to_string(start) + ", " + std::to_string(tape) + ", n, n, 600, " +
         "'appliance', " + std::to_string(spec.properties) + ", 512, " + std::to_string(spec.sync_status) + ", " +
-        std::to_string(spec.status) + ", " + std::to_string(spec.type) + ", " + std::to_string(spec.exit_code) +
-        ", " + instance + " FROM (SELECT nextval('tq.backups_backup_no_seq') AS n) s RETURNING backup_no");
+        std::to_string(spec.status) + ", " + std::to_string(spec.type) + ", 0, " + instance + " FROM (SELECT nextval('tq.backups_backup_no_seq') AS n) s RETURNING backup_no");
     if (no.empty())
         return 0;
     exec("INSERT INTO tq.filesets (fileset_no, tape_no, start_time, elapsed_time, total_megs, server_name, "
@@ -180,11 +179,6 @@ int64_t ApplianceDb::addBackup(const BackupSpec& spec)
          "), 'D2D1'), " + std::to_string(spec.status) + ", " + std::to_string(spec.properties) + ", " + no +
          ", 'arco'");
     return std::stoll(no);
-}
-
-void ApplianceDb::setSyncStatus(std::initializer_list<int64_t> backups, int syncStatus)
-{
-    setSyncStatus(std::vector<int64_t>(backups), syncStatus);
 }
 
 void ApplianceDb::setSyncStatus(const std::vector<int64_t>& backups, int syncStatus)
@@ -212,27 +206,15 @@ void ApplianceDb::addQueueRow(int64_t backup, const std::string& vault, int stat
          sqlText(vault) + ", " + std::to_string(status) + ")");
 }
 
-std::vector<int64_t> Appliance::all() const
-{
-    std::vector<int64_t> out = {files.purgedMaster, files.master, files.diff1, files.incr1, files.incr2,
-                                files.diff2, files.incr3, files.bareMetal, betaMaster, betaFailedDiff,
-                                betaDiff, betaRunning, failedVmDiff, systemMetadata};
-    for (const FamilyChain* c : {&vm, &hv, &sql, &exchange})
-        out.insert(out.end(), {c->full, c->diff, c->incr1, c->incr2});
-    out.erase(std::remove(out.begin(), out.end(), 0), out.end());
-    std::sort(out.begin(), out.end());
-    return out;
-}
-
 Appliance populateAppliance(ApplianceDb& db)
 {
     Appliance a;
-    a.tapeD2D1 = db.addDiskDevice("D2D1");
-    a.tapeD2D2 = db.addDiskDevice("D2D2");
-    a.alpha = db.addNode("alpha", 2);
-    a.beta = db.addNode("beta", 1);
-    a.esx = db.addNode("esx01", 3);
-    a.hyperv = db.addNode("hv01", 2);
+    db.addDiskDevice("D2D1");
+    const int64_t d2d2 = db.addDiskDevice("D2D2");
+    a.alpha = db.addNode("alpha");
+    a.beta = db.addNode("beta");
+    a.esx = db.addNode("esx01");
+    a.hyperv = db.addNode("hv01");
 
     a.files.instance = db.addInstance(a.alpha, app::kFiles, "alpha", "", 5);
     a.betaInstance = db.addInstance(a.beta, app::kFiles, "beta", "", 1);
@@ -266,7 +248,7 @@ Appliance populateAppliance(ApplianceDb& db)
     // Interleaved in time as the schedules of a real appliance run them.
     a.files.purgedMaster = files(btype::kMaster, kStatusGood, -1);
     a.vm.full = other(a.esx, a.vm.instance, btype::kVMwareFull);
-    a.hv.full = other(a.hyperv, a.hv.instance, btype::kHyperVFull, kStatusGood, a.tapeD2D2);
+    a.hv.full = other(a.hyperv, a.hv.instance, btype::kHyperVFull, kStatusGood, d2d2);
     a.files.master = files(btype::kMaster);
     a.betaMaster = other(a.beta, a.betaInstance, btype::kMaster);
     a.sql.full = other(a.alpha, a.sql.instance, btype::kSqlFull);
@@ -275,13 +257,13 @@ Appliance populateAppliance(ApplianceDb& db)
     a.vm.diff = other(a.esx, a.vm.instance, btype::kVMwareDiff);
     a.betaFailedDiff = other(a.beta, a.betaInstance, btype::kDifferential, kStatusFailed);
     a.files.incr1 = files(btype::kIncremental);
-    a.hv.diff = other(a.hyperv, a.hv.instance, btype::kHyperVDiff, kStatusGood, a.tapeD2D2);
+    a.hv.diff = other(a.hyperv, a.hv.instance, btype::kHyperVDiff, kStatusGood, d2d2);
     a.sql.diff = other(a.alpha, a.sql.instance, btype::kSqlDiff);
     a.exchange.diff = other(a.alpha, a.exchange.instance, btype::kExchangeDiff);
     a.files.incr2 = files(btype::kIncremental);
     a.vm.incr1 = other(a.esx, a.vm.instance, btype::kVMwareIncr);
     a.files.bareMetal = other(a.alpha, a.files.instance, btype::kBareMetal);
-    a.hv.incr1 = other(a.hyperv, a.hv.instance, btype::kHyperVIncr, kStatusGood, a.tapeD2D2);
+    a.hv.incr1 = other(a.hyperv, a.hv.instance, btype::kHyperVIncr, kStatusGood, d2d2);
     a.files.diff2 = files(btype::kDifferential);
     a.betaDiff = other(a.beta, a.betaInstance, btype::kDifferential);
     a.sql.incr1 = other(a.alpha, a.sql.instance, btype::kSqlLog);
@@ -289,10 +271,10 @@ Appliance populateAppliance(ApplianceDb& db)
     a.failedVmDiff = other(a.esx, a.vm.instance, btype::kVMwareDiff, kStatusFailed);
     a.exchange.incr1 = other(a.alpha, a.exchange.instance, btype::kExchangeIncr);
     a.files.incr3 = files(btype::kIncremental);
-    a.hv.incr2 = other(a.hyperv, a.hv.instance, btype::kHyperVIncr, kStatusGood, a.tapeD2D2);
+    a.hv.incr2 = other(a.hyperv, a.hv.instance, btype::kHyperVIncr, kStatusGood, d2d2);
     a.sql.incr2 = other(a.alpha, a.sql.instance, btype::kSqlLog);
     a.exchange.incr2 = other(a.alpha, a.exchange.instance, btype::kExchangeIncr);
-    a.systemMetadata = other(a.alpha, a.metadataInstance, 1038);
+    a.systemMetadata = other(a.alpha, a.metadataInstance, btype::kSystemMetadata);
     a.betaRunning = other(a.beta, a.betaInstance, btype::kMaster, kStatusRunning);
     return a;
 }

@@ -2,7 +2,7 @@
 // an appliance's worth of records: clients, application instances, disk
 // devices with their media, and backup chains of every family the queue and
 // the group lookups tell apart, with the odd ones a real appliance has
-// (failed, purged, running, synthetic, bare metal).
+// (failed, purged, running, bare metal).
 //
 //   static auto* const pgEnv =
 //       ::testing::AddGlobalTestEnvironment(new ferrytest::PgClusterEnvironment);
@@ -19,7 +19,6 @@
 #pragma once
 
 #include <cstdint>
-#include <initializer_list>
 #include <string>
 #include <vector>
 
@@ -29,11 +28,11 @@ namespace ferrytest {
 
 // Backup types as the appliance numbers them.
 namespace btype {
-constexpr int kMaster = 1, kDifferential = 2, kIncremental = 3, kSelective = 4;
+constexpr int kMaster = 1, kDifferential = 2, kIncremental = 3;
 constexpr int kExchangeFull = 5, kExchangeDiff = 6, kExchangeIncr = 7;
 constexpr int kSqlFull = 9, kSqlDiff = 10, kSqlLog = 11;
 constexpr int kVMwareFull = 12, kVMwareDiff = 13, kVMwareIncr = 14;
-constexpr int kBareMetal = 1024;
+constexpr int kBareMetal = 1024, kSystemMetadata = 1038;
 constexpr int kHyperVFull = 1031, kHyperVDiff = 1032, kHyperVIncr = 1033;
 } // namespace btype
 
@@ -43,10 +42,7 @@ constexpr uint64_t kStatusFailed = 0x40 | 0x1000;       // finished, failed
 constexpr uint64_t kStatusRunning = 0x200;              // in progress
 // tq.backups.properties values.
 constexpr uint64_t kPropDeduplicated = 0x400;
-constexpr uint64_t kPropHashed = 0x200;
-constexpr uint64_t kPropEncrypted = 0x100;
 constexpr uint64_t kPropSynthesisCapable = 0x1000;
-constexpr uint64_t kPropSynthetic = 2048;
 // application_lookup.app_id of the schema.
 namespace app {
 constexpr int kFiles = 1, kExchange = 2, kSqlServer = 3, kVMware = 4, kHyperV = 5, kSystemMetadata = 10;
@@ -67,7 +63,6 @@ struct BackupSpec {
     int64_t tape_no = 0;  // 0: the medium of the first device; -1 purged
     int64_t start_time = 0;
     int sync_status = 0;
-    int64_t exit_code = 0;
 };
 
 // A connection to tqdb in the private cluster and builders for records.
@@ -90,11 +85,8 @@ public:
     // First column of every row.
     std::vector<std::string> column(const std::string& sql);
 
-    // Empties the appliance tables. The constructor calls it.
-    void clear();
-
     // A client; returns its node_no.
-    int addNode(const std::string& name, int os = 1);
+    int addNode(const std::string& name);
     // An application instance of a client; returns its instance_id.
     int64_t addInstance(int node_no, int app_id, const std::string& key1, const std::string& key2 = "",
                         int priority = 0);
@@ -106,7 +98,6 @@ public:
     // A backup with its fileset row; returns its backup_no.
     int64_t addBackup(const BackupSpec& spec);
 
-    void setSyncStatus(std::initializer_list<int64_t> backups, int syncStatus);
     void setSyncStatus(const std::vector<int64_t>& backups, int syncStatus);
 
     // Queue rows as "backup:vault:status" in queue order, for assertions.
@@ -116,9 +107,8 @@ public:
     // Inserts a queue row directly (positions follow insertion order).
     void addQueueRow(int64_t backup, const std::string& vault, int status);
 
-    const std::string& backupsDir() const { return backupsDir_; }
-
 private:
+    void clear();
     std::string deviceDirectory(const std::string& name);
 
     pg_conn* conn_ = nullptr;
@@ -143,9 +133,9 @@ struct FamilyChain {
     int64_t full = 0, diff = 0, incr1 = 0, incr2 = 0;
 };
 
+// Two disk devices (D2D1, D2D2: the Hyper-V chain is on the second) and:
 struct Appliance {
     int alpha = 0, beta = 0, esx = 0, hyperv = 0;  // node numbers
-    int64_t tapeD2D1 = 0, tapeD2D2 = 0;            // media of the two disk devices
     FileChain files;         // alpha, file level, synthesis-capable
     FamilyChain vm;          // VMware virtual machine on esx
     FamilyChain hv;          // Hyper-V virtual machine on hyperv
@@ -155,9 +145,6 @@ struct Appliance {
     int64_t betaMaster = 0, betaFailedDiff = 0, betaDiff = 0, betaRunning = 0;  // beta, file level
     int64_t failedVmDiff = 0;  // a failed VMware differential after vm.incr2
     int64_t metadataInstance = 0, systemMetadata = 0;  // type 1038 of the appliance itself
-
-    // Every backup number above, in ascending order.
-    std::vector<int64_t> all() const;
 };
 
 // Fills an empty appliance; returns the numbers of what it made.
