@@ -1,17 +1,17 @@
 // The arco header: every header written passes the check and reads back the
 // same; long names, the big-size form, the header check with its reasons,
-// dedup reference text, the token test and stream detection.
+// bad input that must not be read past, dedup reference text, the token test,
+// stream detection and backup file names.
 #include "archive/arco.h"
 
 #include "foundation/environment.h"
-#include "foundation/logger.h"
 #include "harness/appliance_root.h"
 #include "harness/log_capture.h"
 
 #include <cstring>
 #include <gtest/gtest.h>
-#include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace {
@@ -19,62 +19,20 @@ namespace {
 using ferrytest::countOf;
 using ferrytest::LogCapture;
 
-arco_header headerOf(const std::string& blocks)
+// A hard link stores no data of its own: its first name holds it.
+ArcoEntry entry(const std::string& name, char flag, uint64_t size, const std::string& link = "")
 {
-    arco_header h;
-    memcpy(h.b, blocks.data(), sizeof h.b);
-    return h;
+    return {.name = name, .link = link, .linkflag = flag, .mode = 0100644, .uid = 1000, .gid = 100,
+            .mtime = 1700000000, .realSize = size, .dataSize = flag == ARCO_HARDLINK ? 0 : size};
 }
 
-// Encodes `e`, checks the header and returns what a reader gets back.
-ArcoEntry roundTrip(const ArcoEntry& e, ArcoLayout* layoutOut = nullptr)
+auto fields(const ArcoEntry& e)
 {
-    std::string blocks;
-    long n = arco_encode_entry(e, &blocks);
-    EXPECT_GE(n, 1);
-    EXPECT_EQ(blocks.size(), static_cast<size_t>(n) * ARCO_BLOCKSIZE);
-    arco_header h = headerOf(blocks);
-    const char* reason = nullptr;
-    EXPECT_EQ(is_tar(h.b, &reason), 1) << "refused because " << (reason ? reason : "?") << " name " << e.name.size();
-    ArcoLayout layout;
-    EXPECT_EQ(arco_entry_layout(h, &layout), 0);
-    EXPECT_EQ(layout.extBlocks + 1, static_cast<uint64_t>(n));
-    ArcoEntry back;
-    EXPECT_EQ(arco_decode_entry(h, blocks.data() + ARCO_BLOCKSIZE, blocks.size() - ARCO_BLOCKSIZE, &back), 0);
-    if (layoutOut)
-        *layoutOut = layout;
-    return back;
+    return std::tie(e.name, e.link, e.linkflag, e.mode, e.uid, e.gid, e.mtime, e.realSize, e.dataSize, e.partNo,
+                    e.partCount);
 }
 
-void expectSameEntry(const ArcoEntry& a, const ArcoEntry& b)
-{
-    EXPECT_EQ(a.name, b.name);
-    EXPECT_EQ(a.link, b.link);
-    EXPECT_EQ(a.linkflag, b.linkflag);
-    EXPECT_EQ(a.mode, b.mode);
-    EXPECT_EQ(a.uid, b.uid);
-    EXPECT_EQ(a.gid, b.gid);
-    EXPECT_EQ(a.mtime, b.mtime);
-    EXPECT_EQ(a.realSize, b.realSize);
-    EXPECT_EQ(a.dataSize, b.dataSize);
-    EXPECT_EQ(a.partNo, b.partNo);
-    EXPECT_EQ(a.partCount, b.partCount);
-}
-
-ArcoEntry regular(const std::string& name, uint64_t size)
-{
-    ArcoEntry e;
-    e.name = name;
-    e.linkflag = ARCO_REGULAR;
-    e.mode = 0100644;
-    e.uid = 1000;
-    e.gid = 100;
-    e.mtime = 1700000000;
-    e.realSize = size;
-    e.dataSize = size;
-    return e;
-}
-
+// Slashes every ten characters, so names look like deep paths.
 std::string pathOfLength(size_t n)
 {
     std::string s;
@@ -86,321 +44,211 @@ std::string pathOfLength(size_t n)
     return s;
 }
 
-arco_header validHeader()
+struct Decoded {
+    ArcoEntry entry;
+    ArcoLayout layout;
+    arco_header header;
+    std::string blocks;
+};
+
+// Encodes `e`, checks the header and reads it back as a reader would.
+Decoded roundTrip(const ArcoEntry& e)
 {
-    return headerOf([] {
-        std::string b;
-        arco_encode_entry(regular("/etc/hosts", 42), &b);
-        return b;
-    }());
+    Decoded d;
+    long n = arco_encode_entry(e, &d.blocks);
+    EXPECT_GE(n, 1);
+    EXPECT_EQ(d.blocks.size(), static_cast<size_t>(n) * ARCO_BLOCKSIZE);
+    memcpy(d.header.b, d.blocks.data(), ARCO_BLOCKSIZE);
+    const char* reason = "";
+    EXPECT_EQ(is_tar(d.header.b, &reason), 1) << "refused because " << reason;
+    EXPECT_EQ(arco_entry_layout(d.header, &d.layout), 0);
+    EXPECT_EQ(d.layout.extBlocks + 1, static_cast<uint64_t>(n));
+    EXPECT_EQ(arco_decode_entry(d.header, d.blocks.data() + 512, d.blocks.size() - 512, &d.entry), 0);
+    return d;
+}
+
+// Stores the checksum as a reader with unsigned bytes would compute it.
+void sumUnsigned(arco_header& h)
+{
+    unsigned sum = 256;
+    for (size_t i = 0; i < ARCO_BLOCKSIZE; ++i)
+        sum += (i < ARCO_CHKSUM.offset || i >= ARCO_CHKSUM.offset + 8) ? h.b[i] : 0;
+    snprintf(reinterpret_cast<char*>(h.b + ARCO_CHKSUM.offset), 8, "%07o", sum & 0xFFFF);
 }
 
 } // namespace
 
 TEST(ArcoRoundTrip, EveryKindOfEntryReadsBackTheSameFields)
 {
-    std::vector<ArcoEntry> entries;
-    entries.push_back(regular("/home/user/notes.txt", 12345));
-    entries.push_back(regular("/home/user/empty", 0));
-    ArcoEntry dir = regular("/home/user", 0);
-    dir.linkflag = ARCO_DIRECTORY;
-    dir.mode = 040755;
-    entries.push_back(dir);
-    ArcoEntry sym = regular("/home/user/link", 0);
-    sym.linkflag = ARCO_SYMLINK;
-    sym.link = "../other/target file";
-    sym.mode = 0120777;
-    entries.push_back(sym);
-    ArcoEntry hard = regular("/home/user/second", 12345);
-    hard.linkflag = ARCO_HARDLINK;
-    hard.link = "/home/user/notes.txt";
-    hard.dataSize = 0;
-    entries.push_back(hard);
-    ArcoEntry vdisk = regular("/vm/disk.vmdk", 1 << 20);
-    vdisk.linkflag = FT_VDISK;
-    entries.push_back(vdisk);
-    ArcoEntry part = regular("/big/split", 4096);
-    part.partNo = 2;
-    part.partCount = 2;
-    entries.push_back(part);
+    ArcoEntry part = entry("/big/split", ARCO_REGULAR, 4096);
+    part.partNo = part.partCount = 2;
+    const ArcoEntry entries[] = {
+        entry("/home/user/notes.txt", ARCO_REGULAR, 12345), entry("/home/user/empty", ARCO_REGULAR, 0),
+        entry("/home/user", ARCO_DIRECTORY, 0), entry("/home/user/link", ARCO_SYMLINK, 0, "../other/target file"),
+        entry("/home/user/second", ARCO_HARDLINK, 12345, "/home/user/notes.txt"),  // no payload
+        entry("/vm/disk.vmdk", FT_VDISK, uint64_t{1} << 33),  // first size in the big-size form
+        entry("/vm/odd.img", ARCO_REGULAR, (uint64_t{1} << 36) + 1), entry("/vm/huge", ARCO_REGULAR, 1ull << 62),
+        part};
     for (const ArcoEntry& e : entries) {
         SCOPED_TRACE(e.name);
-        expectSameEntry(roundTrip(e), e);
+        Decoded d = roundTrip(e);
+        EXPECT_EQ(fields(d.entry), fields(e));
+        EXPECT_EQ(d.layout.payloadBlocks, (e.dataSize + 511) / 512);
     }
 }
 
-TEST(ArcoRoundTrip, NamesOfOneTo400CharactersFitTheRegularHeader)
+TEST(ArcoRoundTrip, NamesAndLinkTargetsOfEveryLength)
 {
-    for (size_t n = 1; n <= ARCO_MAX_REGULAR_NAME; ++n) {
-        ArcoEntry e = regular(std::string(n, 'n'), n);
-        e.name[0] = '/';
-        std::string blocks;
-        ASSERT_EQ(arco_encode_entry(e, &blocks), 1) << n;
-        ArcoEntry back = roundTrip(e);
-        ASSERT_EQ(back.name, e.name) << n;
-        // Piece 159 is used only past 170 characters, and flag 64 says so.
-        arco_header h = headerOf(blocks);
-        EXPECT_EQ((arco_get_flags(h) & ARCO_FLAG_NAME_IN_LINKNAME) != 0, n > 170) << n;
+    // 1 to 400 characters fit the regular header, piece 159 (flag 64) used only past 170; longer
+    // names take whole extended blocks.
+    std::vector<size_t> lengths{401, 511, 512, 513, 4096, 20000};
+    for (size_t n = 1; n <= ARCO_MAX_REGULAR_NAME; ++n)
+        lengths.push_back(n);
+    for (size_t n : lengths) {
+        Decoded d = roundTrip(entry(pathOfLength(n), ARCO_REGULAR, 77));
+        ASSERT_EQ(d.entry.name, pathOfLength(n)) << n;
+        ASSERT_EQ(d.layout.extBlocks, n > 400 ? (n + 511) / 512 : 0) << n;
+        EXPECT_EQ(d.layout.payloadBlocks, 1u) << n;
+        EXPECT_EQ((arco_get_flags(d.header) & ARCO_FLAG_NAME_IN_LINKNAME) != 0, n > 170 && n <= 400) << n;
     }
-}
-
-TEST(ArcoRoundTrip, LongerNamesGoThroughTheExtendedHeader)
-{
-    for (size_t n : {401, 511, 512, 513, 1000, 4096, 20000}) {
-        ArcoEntry e = regular(pathOfLength(n), 77);
-        ArcoLayout layout;
-        ArcoEntry back = roundTrip(e, &layout);
-        EXPECT_EQ(back.name, e.name) << n;
-        EXPECT_EQ(layout.extBlocks, (n + 511) / 512) << n;
-        EXPECT_EQ(layout.payloadBlocks, 1u);
-        EXPECT_EQ(back.dataSize, 77u);
-    }
-}
-
-TEST(ArcoRoundTrip, LinksUpTo170FitAndLongerOnesUseTheExtendedHeader)
-{
-    for (size_t nameLength : {1, 100, 101, 170, 171, 600}) {
-        for (size_t targetLength : {1, 100, 170, 171, 900}) {
-            ArcoEntry e = regular(pathOfLength(nameLength), 0);
-            e.linkflag = ARCO_SYMLINK;
-            e.link = pathOfLength(targetLength);
-            ArcoLayout layout;
-            ArcoEntry back = roundTrip(e, &layout);
-            EXPECT_EQ(back.name, e.name) << nameLength << "/" << targetLength;
-            EXPECT_EQ(back.link, e.link) << nameLength << "/" << targetLength;
-            const bool extended = nameLength > 170 || targetLength > 170;
-            EXPECT_EQ(layout.extBlocks > 0, extended);
+    // A link's name and target hold 170 each; a hard link's size counts its extended blocks.
+    for (char flag : {ARCO_SYMLINK, ARCO_HARDLINK}) {
+        for (size_t nameLength : {1, 100, 101, 170, 171, 700}) {
+            for (size_t targetLength : {2, 100, 170, 171, 900}) {
+                SCOPED_TRACE(std::to_string(nameLength) + " -> " + std::to_string(targetLength) + " " + flag);
+                ArcoEntry e = entry(pathOfLength(nameLength), flag, flag == ARCO_HARDLINK ? 5000 : 0,
+                                    pathOfLength(targetLength));
+                Decoded d = roundTrip(e);
+                EXPECT_EQ(std::tie(d.entry.name, d.entry.link), std::tie(e.name, e.link));
+                EXPECT_EQ(d.layout.extBlocks > 0, nameLength > 170 || targetLength > 170);
+                EXPECT_EQ(d.layout.payloadBlocks, 0u);
+            }
         }
     }
 }
 
-TEST(ArcoNames, HundredCharacterNameWithNothingAt368IsJustThoseHundred)
+TEST(ArcoNames, PiecesOfTheRegularHeaderAndItsLimits)
 {
     arco_header h{};
-    std::string name(100, 'x');
+    const std::string name(100, 'x');
     memcpy(h.b, name.data(), 100);
-    EXPECT_EQ(arco_get_name(h), name);
-    // With byte 99 full the reader goes on to 368.
+    EXPECT_EQ(arco_get_name(h), name);  // nothing at 368
     memcpy(h.b + 368, "tail", 4);
-    EXPECT_EQ(arco_get_name(h), name + "tail");
-    // A NUL at byte 99 stops it there.
+    EXPECT_EQ(arco_get_name(h), name + "tail");  // byte 99 full: the reader goes on
     h.b[99] = 0;
     EXPECT_EQ(arco_get_name(h), std::string(99, 'x'));
-}
 
-TEST(ArcoNames, WritersRefuseWhatTheRegularHeaderCannotHold)
-{
-    LogCapture log(0);
-    arco_header h{};
+    LogCapture quiet(0);
     EXPECT_EQ(arco_set_name(h, std::string(401, 'a')), -1);
-    EXPECT_EQ(arco_set_name(h, std::string(400, 'a')), 0);
     EXPECT_EQ(arco_set_link(h, std::string(171, 'a'), "t"), -1);
     EXPECT_EQ(arco_set_link(h, "n", std::string(171, 'b')), -1);
-    EXPECT_EQ(arco_set_link(h, std::string(170, 'a'), std::string(170, 'b')), 0);
-    std::string text = log.text();
-    EXPECT_EQ(countOf(text, "Name too long for regular header: "), 1u);
-    EXPECT_EQ(countOf(text, "Name/link too long for regular header: "), 2u);
 }
 
-TEST(ArcoNames, TargetPrefixAtAtAtIsDroppedWhenWritten)
+TEST(ArcoNames, LinkTargetsAreWrittenAndReadAsTheirUsersExpect)
 {
-    ArcoEntry e = regular("/a/link", 0);
-    e.linkflag = ARCO_SYMLINK;
-    e.link = "@@@:/real/target";
-    EXPECT_EQ(roundTrip(e).link, "/real/target");
+    const struct { const char* name; char flag; const char* link; const char* back; } cases[] = {
+        {"/a/link", ARCO_SYMLINK, "@@@:/real/target", "/real/target"},  // the prefix is dropped
+        {"/data/dir/second", ARCO_HARDLINK, "first", "/data/dir/first"},  // bare target: link's directory
+        {"second", ARCO_HARDLINK, "first", "first"},                     // no directory to borrow
+    };
+    for (const auto& c : cases)
+        EXPECT_EQ(roundTrip(entry(c.name, c.flag, 10, c.link)).entry.link, c.back) << c.link;
 }
 
-TEST(ArcoNames, HardLinkTargetWithoutSlashLivesInTheLinksDirectory)
+TEST(ArcoBigSize, SixBitsPerCharacterLeastSignificantFirstAndBack)
 {
-    ArcoEntry e = regular("/data/dir/second", 10);
-    e.linkflag = ARCO_HARDLINK;
-    e.link = "first";
-    e.dataSize = 0;
-    EXPECT_EQ(roundTrip(e).link, "/data/dir/first");
-    e.name = "second";  // no directory to borrow
-    EXPECT_EQ(roundTrip(e).link, "first");
-}
-
-TEST(ArcoBigSize, EncodesSixBitsPerCharacterLeastSignificantFirst)
-{
-    char field[12];
-    arco_encode_bigsize(field, 0);
-    EXPECT_EQ(std::string(field, 12), std::string("#......\0\0\0\0\0", 12));
-    arco_encode_bigsize(field, uint64_t{1} << 30);
-    EXPECT_EQ(std::string(field, 12), std::string("#...../\0\0\0\0\0", 12));
-    // Bit 32 is bit 2 of character 6; the high word being set, all 11 follow.
-    arco_encode_bigsize(field, uint64_t{1} << 32);
-    EXPECT_EQ(std::string(field, 12), "#.....2.....");
-    arco_encode_bigsize(field, uint64_t{1} << 36);
-    EXPECT_EQ(std::string(field, 12), "#....../....");
-}
-
-TEST(ArcoBigSize, RoundTripsInBothDirections)
-{
-    const uint64_t values[] = {0,
-                               1,
-                               (uint64_t{1} << 32) - 1,
-                               uint64_t{1} << 32,
-                               uint64_t{1} << 33,
-                               uint64_t{1} << 36,
-                               0x123456789ABCDEFull,
-                               (uint64_t{1} << 63) - 1,
-                               ~uint64_t{0}};
-    for (uint64_t v : values) {
+    const struct { uint64_t value; const char* bytes; } cases[] = {  // 12 bytes, NUL-padded
+        {0, "#......\0\0\0\0\0"}, {uint64_t{1} << 30, "#...../\0\0\0\0\0"},
+        {(uint64_t{1} << 32) - 1, "#zzzzz1\0\0\0\0\0"}, {uint64_t{1} << 36, "#....../...."},
+        {uint64_t{1} << 32, "#.....2....."},  // bit 32; the high word set, all 11 follow
+        {(uint64_t{1} << 63) - 1, "#zzzzzzzzzz5"}, {~uint64_t{0}, "#zzzzzzzzzzD"}};
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.value);
         char field[12];
-        arco_encode_bigsize(field, v);
-        EXPECT_EQ(arco_decode_bigsize(field), v) << v;
+        arco_encode_bigsize(field, c.value);
+        EXPECT_EQ(std::string(field, 12), std::string(c.bytes, 12));
         arco_header h{};
         memcpy(h.b + ARCO_SIZE.offset, field, 12);
-        EXPECT_EQ(arco_get_size(h), v) << v;
+        EXPECT_EQ(arco_get_size(h), c.value);
     }
-}
-
-TEST(ArcoBigSize, SizeFieldsSwitchToTheBigFormAtEightGiB)
-{
+    // Size fields take the big form from 8 GiB on; below that 11 octal digits.
     arco_header h{};
     arco_set_size(h, (uint64_t{1} << 33) - 1);
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(h.b + ARCO_SIZE.offset)), "77777777777");
-    EXPECT_EQ(arco_get_size(h), (uint64_t{1} << 33) - 1);
-    arco_set_size(h, uint64_t{1} << 33);
-    EXPECT_EQ(h.b[ARCO_SIZE.offset], '#');
-    EXPECT_EQ(arco_get_size(h), uint64_t{1} << 33);
-    arco_set_real_size(h, uint64_t{5} << 40);
+    EXPECT_STREQ(reinterpret_cast<char*>(h.b + ARCO_SIZE.offset), "77777777777");
+    arco_set_real_size(h, uint64_t{1} << 33);
     EXPECT_EQ(h.b[ARCO_REAL_SIZE.offset], '#');
-    EXPECT_EQ(arco_get_real_size(h), uint64_t{5} << 40);
 }
 
-TEST(ArcoBigSize, ReaderStopsAtTheFirstByteOutsideTheAlphabet)
+TEST(ArcoFields, GarbageReadsAsItsPrefixWithinTheFieldAndWideValuesAreRefused)
 {
-    char field[12];
-    memcpy(field, "#1-11111111", 12);  // '-' is not in the alphabet
-    EXPECT_EQ(arco_decode_bigsize(field), 3u);
-    memcpy(field, "#zzzzzzzzzzz", 12);  // no terminator: bounded by the field
-    EXPECT_EQ(arco_decode_bigsize(field), ~uint64_t{0});
-}
-
-TEST(ArcoBigSize, EntriesOverEightGiBDescribeTheirPayloadBlocks)
-{
-    for (uint64_t size : {uint64_t{1} << 33, (uint64_t{1} << 36) + 1, (uint64_t{1} << 62)}) {
-        ArcoLayout layout;
-        ArcoEntry back = roundTrip(regular("/vm/disk.img", size), &layout);
-        EXPECT_EQ(back.dataSize, size);
-        EXPECT_EQ(back.realSize, size);
-        EXPECT_EQ(layout.payloadBlocks, (size + 511) / 512);
+    const struct { ArcoField field; const char* text; uint64_t value; } cases[] = {
+        {ARCO_MODE, " \t0644x7", 0644}, {ARCO_UID, "12345678", 01234567} /* 8 is no octal digit */,
+        {ARCO_SIZE, "zz99", 0}, {ARCO_SIZE, "777777777777", (uint64_t{1} << 36) - 1} /* no NUL */,
+        {ARCO_SIZE, "#1-11111111", 3} /* '-' is outside the alphabet */, {ARCO_REAL_SIZE, "#zzzzzzzzzzz", ~0ull}};
+    for (const auto& c : cases) {
+        arco_header h;
+        memset(h.b, '1', sizeof h.b);  // digits all around: a reader past the field would take them
+        memcpy(h.b + c.field.offset, c.text, strlen(c.text));
+        const bool size = c.field.offset == ARCO_SIZE.offset || c.field.offset == ARCO_REAL_SIZE.offset;
+        EXPECT_EQ(size ? arco_get_size_field(h, c.field) : arco_get_octal(h, c.field), c.value) << c.text;
     }
+    arco_header h{};
+    ASSERT_EQ(arco_set_uid(h, 4242), 0);
+    EXPECT_EQ(arco_set_uid(h, 010000000), -1);
+    EXPECT_EQ(arco_get_uid(h), 4242u);
+    EXPECT_EQ(arco_set_part_no(h, 01000), -1);
 }
 
-TEST(ArcoLayoutTest, HardLinkWhoseRealSizeEqualsItsSizeStoresNoPayload)
+TEST(ArcoLayoutTest, HardLinkStoresOnlyWhatItsSizeExceedsItsRealSizeBy)
 {
-    ArcoEntry e = regular("/a/b", 1 << 20);
-    e.linkflag = ARCO_HARDLINK;
-    e.link = "/a/c";
-    e.dataSize = 0;
-    std::string blocks;
-    arco_encode_entry(e, &blocks);
-    arco_header h = headerOf(blocks);
-    EXPECT_EQ(arco_get_size(h), arco_get_real_size(h));
+    Decoded d = roundTrip(entry("/a/b", ARCO_HARDLINK, 1 << 20, "/a/c"));
+    EXPECT_EQ(arco_get_size(d.header), arco_get_real_size(d.header));
+    EXPECT_EQ(arco_entry_blocks(d.layout), 1u);
+    arco_set_size(d.header, (1 << 20) + 700);
     ArcoLayout layout;
-    ASSERT_EQ(arco_entry_layout(h, &layout), 0);
-    EXPECT_EQ(layout.payloadBlocks, 0u);
-    EXPECT_EQ(arco_entry_blocks(layout), 1u);
-
-    // What size exceeds the real size by is stored, rounded up to blocks.
-    arco_set_size(h, (1 << 20) + 700);
-    ASSERT_EQ(arco_entry_layout(h, &layout), 0);
+    ASSERT_EQ(arco_entry_layout(d.header, &layout), 0);
     EXPECT_EQ(layout.payloadBlocks, 2u);
     EXPECT_EQ(layout.dataSize, 700u);
+    LogCapture quiet(0);
+    arco_set_size(d.header, (1 << 20) - 1);
+    EXPECT_EQ(arco_entry_layout(d.header, &layout), -1) << "real size beyond the stated size";
 }
 
-TEST(ArcoLayoutTest, HardLinkWithLongNameCountsItsExtendedBlocksInTheSize)
+TEST(ArcoCheck, RefusalsGiveTheirReasonsAndTheSentinelIsAccepted)
 {
-    ArcoEntry e = regular(pathOfLength(700), 5000);
-    e.linkflag = ARCO_HARDLINK;
-    e.link = pathOfLength(300);
-    e.dataSize = 0;
-    ArcoLayout layout;
-    ArcoEntry back = roundTrip(e, &layout);
-    EXPECT_EQ(back.link, e.link);
-    EXPECT_EQ(layout.extBlocks, 3u);
-    EXPECT_EQ(layout.payloadBlocks, 0u);
-}
-
-TEST(ArcoCheck, AllZeroBlockIsNoHeaderButTheSentinelIs)
-{
-    arco_header zero{};
-    const char* reason = nullptr;
-    EXPECT_EQ(is_tar(zero.b, &reason), 0);
-    EXPECT_STREQ(reason, "checksum");
-    EXPECT_FALSE(arco_is_end(zero.b));
-
-    arco_header sentinel;
+    // Bytes above 127 count negative: this header passes as written, and fails summed unsigned.
+    const arco_header accented = roundTrip(entry("/home/jos\xC3\xA9/caf\xC3\xA9", ARCO_REGULAR, 1)).header;
+    const struct { void (*spoil)(arco_header&); bool resum; const char* reason; } cases[] = {
+        {[](arco_header& h) { h = arco_header{}; }, false, "checksum"},  // all zero
+        {sumUnsigned, false, "checksum"},
+        {[](arco_header& h) { h.b[ARCO_GID.offset] = '9'; }, true, "Gid"},
+        {[](arco_header& h) { h.b[20] = 'x'; }, true, "Non-blank name"},  // after the name's NUL
+        {[](arco_header& h) { h.b[200] = 'x'; }, true, "Non-blank linkname"},
+        {[](arco_header& h) { h.b[200] = 'x'; arco_set_flags(h, ARCO_FLAG_NAME_IN_LINKNAME); }, true, nullptr}};
+    for (const auto& c : cases) {
+        arco_header h = accented;
+        c.spoil(h);
+        if (c.resum)
+            arco_set_checksum(h);
+        const char* reason = nullptr;
+        EXPECT_EQ(is_tar(h.b, &reason), c.reason ? 0 : 1) << (c.reason ? c.reason : "flag 64: name text at 200");
+        EXPECT_STREQ(reason, c.reason);
+    }
+    arco_header zero{}, sentinel;
     arco_make_sentinel(sentinel);
-    EXPECT_EQ(arco_checksum(sentinel), 256u);
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(sentinel.b + ARCO_CHKSUM.offset)), "0000400");
-    EXPECT_EQ(is_tar(sentinel.b, &reason), 1);
+    EXPECT_STREQ(reinterpret_cast<char*>(sentinel.b + ARCO_CHKSUM.offset), "0000400");
     EXPECT_TRUE(arco_is_end(sentinel.b));
-    EXPECT_FALSE(arco_is_end(validHeader().b));
-}
-
-TEST(ArcoCheck, BytesAbove127CountNegative)
-{
-    ArcoEntry e = regular("/home/jos\xC3\xA9/caf\xC3\xA9", 1);
-    std::string blocks;
-    arco_encode_entry(e, &blocks);
-    arco_header h = headerOf(blocks);
-    EXPECT_EQ(is_tar(h.b), 1);
-
-    // The same header summed with unsigned bytes is refused.
-    unsigned sum = 256;
-    for (size_t i = 0; i < ARCO_BLOCKSIZE; ++i)
-        if (i < 148 || i >= 156)
-            sum += h.b[i];
-    ASSERT_NE(sum & 0xFFFF, arco_checksum(h));
-    snprintf(reinterpret_cast<char*>(h.b + ARCO_CHKSUM.offset), 8, "%07o", sum & 0xFFFF);
-    const char* reason = nullptr;
-    EXPECT_EQ(is_tar(h.b, &reason), 0);
-    EXPECT_STREQ(reason, "checksum");
-}
-
-TEST(ArcoCheck, BadGidAndNonBlankTailsAreRefusedWithTheirReasons)
-{
-    const char* reason = nullptr;
-    arco_header h = validHeader();
-    h.b[ARCO_GID.offset] = '9';
-    arco_set_checksum(h);
-    EXPECT_EQ(is_tar(h.b, &reason), 0);
-    EXPECT_STREQ(reason, "Gid");
-
-    h = validHeader();
-    h.b[20] = 'x';  // after the name's NUL
-    arco_set_checksum(h);
-    EXPECT_EQ(is_tar(h.b, &reason), 0);
-    EXPECT_STREQ(reason, "Non-blank name");
-
-    h = validHeader();
-    h.b[200] = 'x';  // linkname area of a regular file without flag 64
-    arco_set_checksum(h);
-    EXPECT_EQ(is_tar(h.b, &reason), 0);
-    EXPECT_STREQ(reason, "Non-blank linkname");
-    arco_set_flags(h, ARCO_FLAG_NAME_IN_LINKNAME);
-    arco_set_checksum(h);
-    EXPECT_EQ(is_tar(h.b, &reason), 1);
-
-    // Extended headers skip the name tests: their name area holds numbers.
-    ArcoEntry e = regular(pathOfLength(600), 1);
-    std::string blocks;
-    arco_encode_entry(e, &blocks);
-    EXPECT_EQ(is_tar(blocks.data(), &reason), 1);
+    EXPECT_FALSE(arco_is_end(zero.b));
+    EXPECT_FALSE(arco_is_end(accented.b));
 }
 
 TEST(ArcoCheck, BlankGidIsAcceptedOnlyWithTarCompatibility)
 {
     ferrytest::ApplianceRoot root;
     g_master_ini = root.masterIni();
-    arco_header h = validHeader();
+    arco_header h = roundTrip(entry("/etc/hosts", ARCO_REGULAR, 42)).header;
     memcpy(h.b + ARCO_GID.offset, "    144", 8);
     arco_set_checksum(h);
-
     arco_reload_settings();
     EXPECT_EQ(is_tar(h.b), 0);
     root.writeMasterIni("[Configuration Options]\nINCL_TAR_COMPAT=1\n");
@@ -412,246 +260,116 @@ TEST(ArcoCheck, BlankGidIsAcceptedOnlyWithTarCompatibility)
     g_master_ini.clear();
 }
 
-TEST(ArcoCheck, RunsOfRefusalsAreLoggedFirstThreeThenEvery512th)
-{
-    LogCapture log(5);
-    arco_header ok = validHeader();
-    ASSERT_EQ(is_tar(ok.b), 1);  // ends any earlier run
-    arco_header junk{};
-    memset(junk.b, 'q', sizeof junk.b);
-    for (int i = 0; i < 1100; ++i)
-        EXPECT_EQ(is_tar(junk.b), 0);
-    std::string text = log.text();
-    EXPECT_EQ(countOf(text, "Not a header because checksum"), 5u);  // 1, 2, 3, 512, 1024
-    EXPECT_EQ(countOf(text, "Not a header because checksum\n"), 1u);
-    EXPECT_EQ(countOf(text, "(repeated 2 times)"), 1u);
-    EXPECT_EQ(countOf(text, "(repeated 512 times)"), 1u);
-    EXPECT_EQ(countOf(text, "(repeated 1024 times)"), 1u);
-
-    ASSERT_EQ(is_tar(ok.b), 1);  // a header ends the run
-    EXPECT_EQ(is_tar(junk.b), 0);
-    EXPECT_EQ(countOf(log.text(), "Not a header because checksum\n"), 2u);
-}
-
-TEST(ArcoFields, EveryFieldHasAReaderAndAWriter)
-{
-    arco_header h{};
-    EXPECT_EQ(arco_set_mode(h, 0100755), 0);
-    EXPECT_EQ(arco_set_uid(h, 4242), 0);
-    EXPECT_EQ(arco_set_gid(h, 77), 0);
-    arco_set_size(h, 123456);
-    EXPECT_EQ(arco_set_mtime(h, 1600000000), 0);
-    arco_set_linkflag(h, ARCO_DEDUP);
-    EXPECT_EQ(arco_set_part_no(h, 1), 0);
-    EXPECT_EQ(arco_set_part_count(h, 2), 0);
-    arco_set_real_size(h, 654321);
-    EXPECT_EQ(arco_set_flags(h, 64), 0);
-    arco_set_checksum(h);
-    EXPECT_EQ(arco_get_mode(h), 0100755u);
-    EXPECT_EQ(arco_get_uid(h), 4242u);
-    EXPECT_EQ(arco_get_gid(h), 77u);
-    EXPECT_EQ(arco_get_size(h), 123456u);
-    EXPECT_EQ(arco_get_mtime(h), 1600000000);
-    EXPECT_EQ(arco_get_linkflag(h), 'D');
-    EXPECT_EQ(arco_get_part_no(h), 1u);
-    EXPECT_EQ(arco_get_part_count(h), 2u);
-    EXPECT_EQ(std::string(reinterpret_cast<char*>(h.b + ARCO_PART_NO.offset)), "001");
-    EXPECT_EQ(arco_get_real_size(h), 654321u);
-    EXPECT_EQ(arco_get_flags(h), 64u);
-    EXPECT_EQ(arco_get_chksum(h), arco_checksum(h));
-    // Values too wide for their field are refused and leave it alone.
-    EXPECT_EQ(arco_set_uid(h, 010000000), -1);
-    EXPECT_EQ(arco_get_uid(h), 4242u);
-    EXPECT_EQ(arco_set_part_no(h, 01000), -1);
-}
-
-TEST(ArcoFields, GarbageInNumericFieldsReadsAsItsOctalPrefix)
-{
-    arco_header h{};
-    memcpy(h.b + ARCO_MODE.offset, " \t0644x7", 8);
-    EXPECT_EQ(arco_get_mode(h), 0644u);
-    memcpy(h.b + ARCO_SIZE.offset, "zz99", 4);
-    EXPECT_EQ(arco_get_size(h), 0u);
-    memcpy(h.b + ARCO_SIZE.offset, "777777777777", 12);  // no NUL: the field ends it
-    EXPECT_EQ(arco_get_size(h), (uint64_t{1} << 36) - 1);
-    memcpy(h.b + ARCO_UID.offset, "12345678", 8);
-    EXPECT_EQ(arco_get_uid(h), 01234567u);  // 8 and 9 are not octal
-}
-
-TEST(ArcoExtended, StatedSizeTooSmallForTheNamesIsAnError)
+TEST(ArcoExtended, BadSizesAndShortAreasAreRefusedWithoutReadingPastTheBuffer)
 {
     LogCapture log(0);
-    std::string blocks;
-    arco_encode_entry(regular(pathOfLength(1500), 0), &blocks);  // 3 extended blocks
-    arco_header h = headerOf(blocks);
-    arco_set_size(h, 2 * 512);
-    arco_set_checksum(h);
-    ASSERT_EQ(is_tar(h.b), 1);
+    Decoded d = roundTrip(entry(pathOfLength(1500), ARCO_REGULAR, 0));  // 3 extended blocks
+    arco_header h = d.header;
+    const std::vector<char> ext(d.blocks.begin() + 512, d.blocks.end()), shorter(ext.begin(), ext.end() - 1);
     ArcoLayout layout;
-    EXPECT_EQ(arco_entry_layout(h, &layout), -1);
     ArcoEntry e;
-    EXPECT_EQ(arco_decode_entry(h, blocks.data() + 512, blocks.size() - 512, &e), -1);
-    EXPECT_EQ(countOf(log.text(), "Failed reading archive: name size greater than file size"), 2u);
-
-    arco_set_size(h, 2 * 512 + 1);  // rounds up to the three blocks
-    arco_set_checksum(h);
-    EXPECT_EQ(arco_entry_layout(h, &layout), 0);
-    EXPECT_EQ(layout.payloadBlocks, 0u);
-}
-
-TEST(ArcoExtended, ShortAreaOrNamesWithoutNulNeverReadPastTheBuffer)
-{
-    LogCapture log(0);
-    std::string name = pathOfLength(1200);
-    std::string blocks;
-    arco_encode_entry(regular(name, 0), &blocks);
-    arco_header h = headerOf(blocks);
-    std::vector<char> exact(blocks.begin() + 512, blocks.end());
-    ArcoEntry e;
-    // One byte short of the extended area: refused, not read.
-    std::unique_ptr<char[]> shorter(new char[exact.size() - 1]);
-    memcpy(shorter.get(), exact.data(), exact.size() - 1);
-    EXPECT_EQ(arco_decode_entry(h, shorter.get(), exact.size() - 1, &e), -1);
+    EXPECT_EQ(arco_decode_entry(h, shorter.data(), shorter.size(), &e), -1);  // one byte short
     EXPECT_EQ(arco_decode_entry(h, nullptr, 0, &e), -1);
+    arco_set_size(h, 2 * 512);  // too small for the names
+    EXPECT_EQ(arco_entry_layout(h, &layout), -1);
+    EXPECT_EQ(arco_decode_entry(h, ext.data(), ext.size(), &e), -1);
+    EXPECT_EQ(countOf(log.text(), "Failed reading archive: name size greater than file size"), 2u);
+    arco_set_size(h, 2 * 512 + 1);  // rounds up to the three blocks
+    EXPECT_EQ(arco_entry_layout(h, &layout), 0);
 
-    // A stated name length beyond the cap reads 32767 bytes without a NUL.
-    const size_t big = 40000;
+    // A stated name length beyond the cap reads 32767 bytes of a name without a NUL.
+    const size_t big = 40000, area = (big + 511) / 512 * 512;
     arco_set_octal(h, ARCO_EXT_NAME_LEN, big);
-    arco_set_size(h, (big + 511) / 512 * 512);
-    arco_set_checksum(h);
-    std::unique_ptr<char[]> area(new char[(big + 511) / 512 * 512]);
-    memset(area.get(), 'k', (big + 511) / 512 * 512);
-    ASSERT_EQ(arco_decode_entry(h, area.get(), (big + 511) / 512 * 512, &e), 0);
-    EXPECT_EQ(e.name.size(), ARCO_MAX_EXT_NAME);
-}
-
-TEST(ArcoDedup, PrefixFormatsAndParsesBack)
-{
-    char buf[128];
-    int n = arco_format_dedup_prefix(buf, sizeof buf, "inlineDedup", 0x1A00, '0');
-    ASSERT_GT(n, 0);
-    EXPECT_STREQ(buf, "inlineDedup,0x1A00,0x30,dedup;");
-    char small[10];
-    EXPECT_EQ(arco_format_dedup_prefix(small, sizeof small, "inlineDedup", 0, '0'), -1);
-    std::vector<char> exact(buf, buf + n);  // no NUL behind it
-    ArcoDedupPrefix p;
-    EXPECT_EQ(arco_parse_dedup_prefix(exact.data(), exact.size(), &p), n);
-    EXPECT_EQ(p.program, "inlineDedup");
-    EXPECT_EQ(p.headerOffset, 0x1A00u);
-    EXPECT_EQ(p.linkflag, '0');
-}
-
-TEST(ArcoDedup, BadPrefixesAreRefused)
-{
-    LogCapture log(0);
-    ArcoDedupPrefix p;
-    for (const char* text : {"inlineDedup", "inlineDedup,0x10", "x,0x10,0x30,dedupe", "x,0x10,0x30,copy;",
-                             "x,zz,0x30,dedup;", "x,0x10,0x130,dedup;", "x,,0x30,dedup;"}) {
-        std::vector<char> exact(text, text + strlen(text));
-        EXPECT_EQ(arco_parse_dedup_prefix(exact.data(), exact.size(), &p), -1) << text;
-    }
-    EXPECT_EQ(countOf(log.text(), "Wrong reference header type at 0x10 (expecting dedup)"), 2u);
+    arco_set_size(h, area);
+    const std::vector<char> names(area, 'k');
+    ASSERT_EQ(arco_decode_entry(h, names.data(), names.size(), &e), 0);
+    EXPECT_EQ(e.name, std::string(ARCO_MAX_EXT_NAME, 'k'));
 }
 
 namespace {
-struct Collected {
-    std::vector<std::pair<uint64_t, uint64_t>> records;
-    size_t stopAfter = 0;
-};
-uint64_t collect(uint64_t length, uint64_t hashId, void* context)
+
+// Reference text is parsed from buffers of its exact length, with no NUL behind.
+long parsePrefix(const std::string& text, ArcoDedupPrefix* p)
 {
-    auto* c = static_cast<Collected*>(context);
-    c->records.emplace_back(length, hashId);
-    return c->records.size() == c->stopAfter ? ~uint64_t{0} : 0;
+    const std::vector<char> exact(text.begin(), text.end());
+    return arco_parse_dedup_prefix(exact.data(), exact.size(), p);
 }
+
+struct Records {
+    std::vector<std::pair<uint64_t, uint64_t>> seen;
+    size_t stopAfter = 0;
+    long result = 0;
+};
+
+Records walkRecords(const std::string& text, size_t stopAfter = 0)
+{
+    Records r{{}, stopAfter};
+    const std::vector<char> exact(text.begin(), text.end());
+    auto collect = [](uint64_t length, uint64_t hashId, void* context) -> uint64_t {
+        auto* r = static_cast<Records*>(context);
+        r->seen.emplace_back(length, hashId);
+        return r->seen.size() == r->stopAfter ? ~uint64_t{0} : 0;
+    };
+    r.result = arco_walk_dedup_records(exact.data(), exact.size(), collect, &r);
+    return r;
+}
+
 } // namespace
 
-TEST(ArcoDedup, RecordsWalkUntilNulOrTheEnd)
+TEST(ArcoDedup, ReferenceTextParsesBackAndBadTextIsRefused)
 {
-    char rec[64];
+    char buf[128];
+    const int n = arco_format_dedup_prefix(buf, sizeof buf, "inlineDedup", 0x1A00, '0');
+    EXPECT_STREQ(buf, "inlineDedup,0x1A00,0x30,dedup;");
+    ArcoDedupPrefix p;
+    EXPECT_EQ(parsePrefix(buf, &p), n);
+    EXPECT_EQ(std::tie(p.program, p.headerOffset, p.linkflag), std::make_tuple("inlineDedup", 0x1A00u, '0'));
+    EXPECT_EQ(arco_format_dedup_prefix(buf, 10, "inlineDedup", 0, '0'), -1);
+
     std::string text;
     for (auto [len, id] : {std::pair<uint64_t, uint64_t>{0x10000, 0x5}, {4096, 77}, {512, 0xFFFFFFFFFFull}}) {
-        ASSERT_GT(arco_format_dedup_record(rec, sizeof rec, len, id), 0);
-        text += rec;
+        ASSERT_GT(arco_format_dedup_record(buf, sizeof buf, len, id), 0);
+        text += buf;
     }
-    text += "100,010;";  // decimal and octal read as a C parser does
-    std::vector<char> exact(text.begin(), text.end());
-    Collected c;
-    EXPECT_EQ(arco_walk_dedup_records(exact.data(), exact.size(), collect, &c), 4);
-    ASSERT_EQ(c.records.size(), 4u);
-    EXPECT_EQ(c.records[0], std::make_pair(uint64_t{0x10000}, uint64_t{5}));
-    EXPECT_EQ(c.records[2].second, 0xFFFFFFFFFFull);
-    EXPECT_EQ(c.records[3], std::make_pair(uint64_t{100}, uint64_t{8}));
+    text += std::string("100,010;\0" "9", 10);  // decimal and octal as C reads them; nothing after a NUL
+    const Records all = walkRecords(text);
+    EXPECT_EQ(all.result, 4);
+    EXPECT_EQ(all.seen, (decltype(all.seen){{0x10000, 5}, {4096, 77}, {512, 0xFFFFFFFFFFull}, {100, 8}}));
+    EXPECT_EQ(walkRecords(text, 2).result, 2) << "the callback stops the walk";
 
-    exact.push_back('\0');
-    exact.push_back('9');  // after the NUL: not a record
-    Collected all;
-    EXPECT_EQ(arco_walk_dedup_records(exact.data(), exact.size(), collect, &all), 4);
-
-    Collected stop;
-    stop.stopAfter = 2;
-    EXPECT_EQ(arco_walk_dedup_records(exact.data(), exact.size(), collect, &stop), 2);
-}
-
-TEST(ArcoDedup, CutOffOrMalformedRecordsFail)
-{
     LogCapture log(0);
-    for (const char* text : {"0x200,0x5", "0x200", "0x200;0x5,", "abc,1;", "1,2;3,x;"}) {
-        std::vector<char> exact(text, text + strlen(text));
-        Collected c;
-        EXPECT_EQ(arco_walk_dedup_records(exact.data(), exact.size(), collect, &c), -1) << text;
-    }
-    std::string text = log.text();
-    EXPECT_GT(countOf(text, "Can't find end of content length in reference at 0x"), 0u);
-    EXPECT_GT(countOf(text, "Can't find end of reference at 0x"), 0u);
+    for (const char* bad : {"inlineDedup", "inlineDedup,0x10", "x,0x10,0x30,dedupe", "x,0x10,0x30,copy;",
+                            "x,zz,0x30,dedup;", "x,0x10,0x130,dedup;", "x,,0x30,dedup;"})
+        EXPECT_EQ(parsePrefix(bad, &p), -1) << bad;
+    for (const char* bad : {"0x200,0x5", "0x200", "0x200;0x5,", "abc,1;", "1,2;3,x;"})
+        EXPECT_EQ(walkRecords(bad).result, -1) << bad;
+    EXPECT_EQ(countOf(log.text(), "Wrong reference header type at 0x10 (expecting dedup)"), 2u);
 }
 
 TEST(ArcoToken, TokenHeadersAreRecognisedAndBoundedToOneMiB)
 {
-    LogCapture log(0);
-    ArcoEntry e = regular("QUILLMONT Encrypted TAR v2.1", 1024);
-    e.linkflag = ARCO_TOKEN;
-    std::string blocks;
-    arco_encode_entry(e, &blocks);
     uint64_t total = 0;
-    EXPECT_EQ(arco_token_header(blocks.data(), &total), 1);
+    auto token = [&total](const ArcoEntry& e) { return arco_token_header(roundTrip(e).header.b, &total); };
+    EXPECT_EQ(token(entry("QUILLMONT Encrypted TAR v2.1", ARCO_TOKEN, 1024)), 1);  // the name in any case
     EXPECT_EQ(total, 1536u);
-
-    arco_header h = headerOf(blocks);
-    arco_set_size(h, ARCO_MAX_TOKEN - 512);
-    arco_set_checksum(h);
-    EXPECT_EQ(arco_token_header(h.b, &total), 1);
+    EXPECT_EQ(token(entry("Quillmont encrypted TAR v2", ARCO_TOKEN, ARCO_MAX_TOKEN - 512)), 1);
     EXPECT_EQ(total, ARCO_MAX_TOKEN);
-    arco_set_size(h, ARCO_MAX_TOKEN);
-    arco_set_checksum(h);
-    EXPECT_EQ(arco_token_header(h.b, &total), -1);
-    std::string text = log.text();
-    EXPECT_EQ(countOf(text, "Encrypted token too large"), 1u);
-    EXPECT_EQ(countOf(text, "Limit of 1MB token size"), 1u);
-
-    e.linkflag = ARCO_REGULAR;
-    arco_encode_entry(e, &blocks);
-    EXPECT_EQ(arco_token_header(blocks.data(), &total), 0);
-    e.linkflag = ARCO_TOKEN;
-    e.name = "Quillmont encrypted ZIP v1";
-    arco_encode_entry(e, &blocks);
-    EXPECT_EQ(arco_token_header(blocks.data(), &total), 0);
+    LogCapture log(0);
+    EXPECT_EQ(token(entry("Quillmont encrypted TAR v2", ARCO_TOKEN, ARCO_MAX_TOKEN)), -1);
+    EXPECT_EQ(countOf(log.text(), "Encrypted token too large"), 1u);
+    EXPECT_EQ(token(entry("Quillmont encrypted TAR v2", ARCO_REGULAR, 1024)), 0);
+    EXPECT_EQ(token(entry("Quillmont encrypted ZIP v1", ARCO_TOKEN, 1024)), 0);
 }
 
 TEST(ArcoStream, FirstBytesDecideTheCompression)
 {
-    const unsigned char gz[] = {0x1F, 0x8B, 0x08, 0x00};
-    const unsigned char lz4[] = {0x04, 0x22, 0x4D, 0x18, 0x64};
-    const unsigned char plain[] = {'/', 'e', 't', 'c'};
+    const unsigned char gz[] = {0x1F, 0x8B, 0x08, 0x00}, lz4[] = {0x04, 0x22, 0x4D, 0x18}, plain[] = "/etc";
     EXPECT_EQ(arco_stream_compression(gz, sizeof gz), ARCO_GZIP);
     EXPECT_EQ(arco_stream_compression(lz4, sizeof lz4), ARCO_LZ4);
-    EXPECT_EQ(arco_stream_compression(plain, sizeof plain), ARCO_NOT_COMPRESSED);
-    LogCapture log(0);
-    EXPECT_EQ(arco_stream_compression(gz, 3), ARCO_NOT_COMPRESSED);
+    EXPECT_EQ(arco_stream_compression(plain, 4), ARCO_NOT_COMPRESSED);
+    LogCapture quiet(0);
+    EXPECT_EQ(arco_stream_compression(gz, 3), ARCO_NOT_COMPRESSED);  // too short to tell
     EXPECT_EQ(arco_stream_compression(nullptr, 4), ARCO_NOT_COMPRESSED);
-    std::string text = log.text();
-    EXPECT_EQ(countOf(text, "Invalid argument: not enough data (3 < 4)."), 1u);
-    EXPECT_EQ(countOf(text, "Invalid argument: memory buffer is NULL."), 1u);
 }
 
 TEST(ArcoFileNames, BothFormsAndTheNumberBack)
@@ -664,7 +382,6 @@ TEST(ArcoFileNames, BothFormsAndTheNumberBack)
     EXPECT_EQ(arco_backup_no_from_name("backup_7", &n), 0);
     EXPECT_EQ(n, 7);
     for (const char* bad : {"backup_", "backup_.gz", "backup_12.gzz", "backup_1a", "/x/xbackup_1", "Backup_1",
-                            "backup_12.bz2", "backup_99999999999999999999", "/backup_1/other"}) {
+                            "backup_12.bz2", "backup_99999999999999999999", "/backup_1/other"})
         EXPECT_EQ(arco_backup_no_from_name(bad, &n), -1) << bad;
-    }
 }
