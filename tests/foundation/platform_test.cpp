@@ -1,6 +1,6 @@
 // Platform capabilities and process helpers: keyword tests over the
 // capabilities file of an appliance root, probe programs by exit code, the
-// bounded shell command, and stopping processes.
+// bounded shell command, stopping processes, and the client ping.
 #include "foundation/platform_capabilites.h"
 
 #include "foundation/environment.h"
@@ -16,6 +16,7 @@
 #include <string>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <thread>
 #include <unistd.h>
 
 using ferrytest::countOf;
@@ -23,23 +24,27 @@ using ferrytest::LogCapture;
 
 namespace {
 
+// An appliance root whose bin directory holds the probe programs.
 class Platform : public ::testing::Test {
 protected:
     void SetUp() override { g_bindir = root.appdir() + "/bin"; }
     void TearDown() override { g_bindir.clear(); }
-
-    void writeCapabilities(const std::string& text)
-    {
-        ferrytest::writeFile(root.path("/var/opt/quillmont/platform_capabilities"), text);
-    }
     void writeProgram(const std::string& name, const std::string& body)
     {
-        std::string path = g_bindir + "/" + name;
-        ferrytest::writeFile(path, "#!/bin/sh\n" + body + "\n");
-        chmod(path.c_str(), 0755);
+        ferrytest::writeFile(g_bindir + "/" + name, "#!/bin/sh\n" + body + "\n");
+        chmod((g_bindir + "/" + name).c_str(), 0755);
     }
 
     ferrytest::ApplianceRoot root;
+};
+
+// Children reaped by the kernel (SIGCHLD ignored), so a stopped child is gone
+// rather than a zombie that still answers signal 0.
+class ReapedChildren : public ::testing::Test {
+protected:
+    void SetUp() override { savedChld_ = signal(SIGCHLD, SIG_IGN); }
+    void TearDown() override { signal(SIGCHLD, savedChld_); }
+    void (*savedChld_)(int) = SIG_DFL;
 };
 
 // Alive and not a zombie: a killed grandchild may wait for a reaper.
@@ -53,244 +58,150 @@ bool running(pid_t pid)
     return paren != std::string::npos && paren + 2 < text.size() && text[paren + 2] != 'Z';
 }
 
-// A child that ignores SIGTERM and SIGINT (when asked) and waits; returns
-// once it is set up. SIGCHLD is ignored by the fixture, so it is reaped at
-// its end and signal 0 then fails.
-pid_t stubbornChild(bool ignoreSignals, bool ownGroup = false)
+// A child that never acts on SIGTERM or SIGINT: it is born with them blocked.
+pid_t stubbornChild()
 {
-    int ready[2];
-    if (pipe(ready) != 0)
-        return -1;
+    sigset_t block, saved;
+    sigemptyset(&block);
+    sigaddset(&block, SIGTERM);
+    sigaddset(&block, SIGINT);
+    sigprocmask(SIG_BLOCK, &block, &saved);
     pid_t pid = fork();
-    if (pid == 0) {
-        if (ownGroup)
-            setpgid(0, 0);
-        if (ignoreSignals) {
-            signal(SIGTERM, SIG_IGN);
-            signal(SIGINT, SIG_IGN);
-        }
-        (void)!write(ready[1], "x", 1);
+    if (pid == 0)
         for (;;)
             pause();
-    }
-    char c;
-    (void)!read(ready[0], &c, 1);
-    close(ready[0]);
-    close(ready[1]);
+    sigprocmask(SIG_SETMASK, &saved, nullptr);
     return pid;
 }
 
-class ReapedChildren : public Platform {
-protected:
-    void SetUp() override
-    {
-        Platform::SetUp();
-        saved_ = signal(SIGCHLD, SIG_IGN);
-    }
-    void TearDown() override
-    {
-        signal(SIGCHLD, saved_);
-        Platform::TearDown();
-    }
-    void (*saved_)(int) = SIG_DFL;
-};
-
 int g_callbackCalls = 0;
 std::string g_handlerCommand;
-int g_otherHandlerCalls = 0;
 void countCallback() { ++g_callbackCalls; }
 void recordCommand(const char* command) { g_handlerCommand = command; }
-void otherCode(const char*) { ++g_otherHandlerCalls; }
+void otherCode(const char*) { ADD_FAILURE() << "a handler of another code ran"; }
 void markSigint(int) {}
 
 } // namespace
 
-TEST_F(Platform, KeywordsCountOnlyAtTheStartOfALine)
+TEST_F(Platform, KeywordsAreReadFromTheFileUnderTheApplianceRootAtTheStartOfALine)
 {
-    writeCapabilities("inlineDedup extra words\n  dedupNT\nreplication\nvirtual_machine_kvm\n");
-    EXPECT_EQ(platformSupportsInlineDedup(), 1);
-    EXPECT_EQ(platformSupportsDedupNT(), 0) << "indented keyword";
-    EXPECT_EQ(isNLUVirtual(), 1) << "a prefix is enough for the virtual machine test";
-
-    writeCapabilities("dedupNTx\ninlineDedupe\n# dedupNT\n");
-    EXPECT_EQ(platformSupportsDedupNT(), 0) << "whole words only";
-    EXPECT_EQ(platformSupportsInlineDedup(), 0);
-    EXPECT_EQ(isNLUVirtual(), 0);
-
-    writeCapabilities("replication\ndedupNT\n");
-    EXPECT_EQ(platformSupportsDedupNT(), 1);
-}
-
-TEST_F(Platform, MissingCapabilitiesFileMeansNoCapabilityAndNoErrorLines)
-{
-    LogCapture log(0);
-    EXPECT_EQ(platformSupportsInlineDedup(), 0);
-    EXPECT_EQ(platformSupportsDedupNT(), 0);
-    EXPECT_EQ(log.text(), "");
-    EXPECT_EQ(isNLUVirtual(), 0);
-    std::string text = log.text();
-    EXPECT_EQ(countOf(text, "isNLUVirtual: False"), 1u);
-    EXPECT_EQ(countOf(text, "[LOG0]"), 1u) << text;
-}
-
-TEST_F(Platform, VirtualMachineAnswerIsLoggedAndCommandsAtLevel4)
-{
-    writeCapabilities("virtual_machine\n");
-    LogCapture log(4);
-    EXPECT_EQ(isNLUVirtual(), 1);
-    std::string text = log.text();
-    EXPECT_EQ(countOf(text, "isNLUVirtual: True"), 1u);
-    EXPECT_EQ(countOf(text, "isNLUVirtual: command is: grep -qE '^virtual_machine' " +
-                                root.path("/var/opt/quillmont/platform_capabilities") + " >&/dev/null"),
-              1u)
-        << text;
+    const struct { const char* file; int inlineDedup, dedupNT, virtualMachine; } cases[] = {
+        {nullptr, 0, 0, 0},  // no file: no capability
+        {"inlineDedup extra words\n  dedupNT\nreplication\nvirtual_machine_kvm\n", 1, 0, 1},  // a prefix will do
+        {"dedupNTx\ninlineDedupe\n# dedupNT\n", 0, 0, 0},                                   // whole words only
+        {"replication\ndedupNT\n", 0, 1, 0},
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(c.file ? c.file : "no file");
+        if (c.file)
+            ferrytest::writeFile(root.path("/var/opt/quillmont/platform_capabilities"), c.file);
+        LogCapture log(0);
+        EXPECT_EQ(platformSupportsInlineDedup(), c.inlineDedup);
+        EXPECT_EQ(platformSupportsDedupNT(), c.dedupNT);
+        EXPECT_EQ(isNLUVirtual(), c.virtualMachine);
+        EXPECT_EQ(countOf(log.text(), c.virtualMachine ? "isNLUVirtual: True\n" : "isNLUVirtual: False\n"), 1u);
+        EXPECT_EQ(countOf(log.text(), "\n"), 1u) << "nothing else logged: " << log.text();
+    }
 }
 
 TEST_F(Platform, ProbeProgramsAnswerByExitCode)
 {
     EXPECT_EQ(platformSupportsDedup(), 0) << "missing program";
     EXPECT_EQ(platformSupportsiSynth(), 127) << "the shell's exit code for a missing program";
-    for (int code = 0; code <= 4; ++code) {
-        writeProgram("platformSupportsDedup", "exit " + std::to_string(code));
-        EXPECT_EQ(platformSupportsDedup(), code);
+    const struct { const char* body; int dedup; } cases[] = {
+        {"exit 0", 0}, {"exit 1", 1}, {"exit 4", 4}, {"exit 5", 0}, {"echo noise >&2; exit 2", 2},
+        // The shell that ran the probe dies on SIGKILL (only a shell: never the test binary).
+        {"case $(cat /proc/$PPID/comm) in bash|sh|dash) kill -KILL $PPID;; esac; sleep 1", 0}};
+    LogCapture log(0);
+    for (const auto& c : cases) {
+        writeProgram("platformSupportsDedup", c.body);
+        EXPECT_EQ(platformSupportsDedup(), c.dedup) << c.body;
     }
-    writeProgram("platformSupportsDedup", "exit 5");
-    EXPECT_EQ(platformSupportsDedup(), 0);
-    writeProgram("platformSupportsDedup", "echo noise >&2; exit 2");
-    EXPECT_EQ(platformSupportsDedup(), 2);
+    EXPECT_EQ(countOf(log.text(), "platformSupportsDedup: " + g_bindir + "/platformSupportsDedup 2>/dev/null"
+                                  " was signaled with"), 1u) << log.text();
     writeProgram("platformSupportsSynth", "exit 3");
     EXPECT_EQ(platformSupportsiSynth(), 3);
 }
 
-TEST_F(Platform, ProbeEndingOnASignalCountsAsNo)
+TEST_F(Platform, SystemTMaxGivesTheWaitStatusOrKillsTheGroupOfACommandThatOverstays)
 {
-    // The shell that ran the probe dies on SIGKILL (only if it is a shell:
-    // never the test binary itself).
-    writeProgram("platformSupportsDedup",
-                 "case $(cat /proc/$PPID/comm) in bash|sh|dash) kill -KILL $PPID;; esac; sleep 1");
-    LogCapture log(0);
-    EXPECT_EQ(platformSupportsDedup(), 0);
-    std::string text = log.text();
-    EXPECT_EQ(countOf(text, "platformSupportsDedup: " + g_bindir + "/platformSupportsDedup 2>/dev/null was signaled with"),
-              1u)
-        << text;
-}
+    signal(SIGINT, markSigint);
+    int status = SystemTMax("exit 3", 0);
+    ASSERT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(WEXITSTATUS(status), 3);
+    EXPECT_EQ(signal(SIGINT, SIG_DFL), markSigint) << "dispositions are restored";
 
-TEST_F(Platform, SystemTMaxGivesTheWaitStatusAndRunsItsHandlers)
-{
     g_callbackCalls = 0;
-    g_handlerCommand.clear();
-    g_otherHandlerCalls = 0;
     SystemTMaxCallback previous = setSystemTMaxCallback(countCallback);
     ASSERT_EQ(registerCodeHandler(kSystemTMaxWaitCode, recordCommand), 0);
     ASSERT_EQ(registerCodeHandler(7, otherCode), 0);
-    signal(SIGINT, markSigint);
-
-    const char* command = "sleep 1; exit 3";
-    int status = SystemTMax(command, 0);
-    ASSERT_TRUE(WIFEXITED(status));
-    EXPECT_EQ(WEXITSTATUS(status), 3);
-    EXPECT_GE(g_callbackCalls, 1);
-    EXPECT_EQ(g_handlerCommand, command);
-    EXPECT_EQ(g_otherHandlerCalls, 0);
-    EXPECT_EQ(signal(SIGINT, SIG_DFL), markSigint) << "dispositions are restored";
-
-    EXPECT_EQ(unregisterCodeHandler(kSystemTMaxWaitCode, recordCommand), 0);
-    EXPECT_EQ(unregisterCodeHandler(kSystemTMaxWaitCode, recordCommand), -1);
-    EXPECT_EQ(unregisterCodeHandler(7, otherCode), 0);
-    setSystemTMaxCallback(previous);
-}
-
-TEST_F(Platform, SystemTMaxKillsTheProcessGroupOfACommandThatOverstays)
-{
-    std::string pidFile = root.path("/tmp/sleeper.pid");
-    std::string command = "sleep 60 & echo $! > " + pidFile + "; wait";
+    const std::string pidFile = root.path("/tmp/sleeper.pid");
+    const std::string command = "sleep 60 & echo $! > " + pidFile + "; wait";
     LogCapture log(1);
     EXPECT_EQ(SystemTMax(command.c_str(), 1), -1);
-    pid_t sleeper = ferrytest::readPidFile(pidFile);
-    ASSERT_GT(sleeper, 0);
-    EXPECT_TRUE(ferrytest::waitFor([&] { return !running(sleeper); }));
+    EXPECT_GE(g_callbackCalls, 2) << "once a second while it runs";
+    EXPECT_EQ(g_handlerCommand, command);
     EXPECT_EQ(countOf(log.text(), "SystemTMax: Timed out, now killing process group"), 1u);
-}
+    const pid_t sleeper = ferrytest::readPidFile(pidFile);
+    ASSERT_GT(sleeper, 0);
+    EXPECT_TRUE(ferrytest::waitFor([&] { return !running(sleeper); })) << "the grandchild went with its group";
+    setSystemTMaxCallback(previous);
 
-TEST_F(Platform, CodeHandlerTableHoldsSixteen)
-{
-    for (int i = 0; i < 16; ++i)
+    // The handler table holds sixteen; a handler is found again by code and function.
+    for (int i = 0; i < 14; ++i)
         ASSERT_EQ(registerCodeHandler(1000 + i, otherCode), 0) << i;
     EXPECT_EQ(registerCodeHandler(2000, otherCode), -1);
-    for (int i = 0; i < 16; ++i)
+    for (int i = 0; i < 14; ++i)
         EXPECT_EQ(unregisterCodeHandler(1000 + i, otherCode), 0);
+    EXPECT_EQ(unregisterCodeHandler(kSystemTMaxWaitCode, recordCommand), 0);
+    EXPECT_EQ(unregisterCodeHandler(kSystemTMaxWaitCode, recordCommand), -1);
+    EXPECT_EQ(unregisterCodeHandler(7, recordCommand), -1);
+    EXPECT_EQ(unregisterCodeHandler(7, otherCode), 0);
 }
 
+// Both escalations run side by side: each counts real seconds.
 TEST_F(ReapedChildren, KillPidEscalatesToSigkillButKillPidSafeNeverDoes)
 {
-    pid_t safeVictim = stubbornChild(true);
-    EXPECT_EQ(KillPidSafe(safeVictim, SIGTERM, 0, 2), -1);
+    const pid_t victim = stubbornChild(), safeVictim = stubbornChild();
+    LogCapture log(0);
+    int result = 1, safeResult = 1;
+    // SIGKILL as the first signal is refused; SIGTERM and SIGINT are ignored.
+    std::thread killer([&] { result = KillPid(victim, SIGKILL, 0, 3); });
+    safeResult = KillPidSafe(safeVictim, SIGKILL, 0, 2);
+    killer.join();
+    EXPECT_EQ(result, 0);
+    EXPECT_EQ(isPidAlive(victim), 0);
+    EXPECT_EQ(safeResult, -1);
     EXPECT_EQ(isPidAlive(safeVictim), 1);
     kill(safeVictim, SIGKILL);
-
-    pid_t victim = stubbornChild(true);
-    LogCapture log(0);
-    EXPECT_EQ(KillPid(victim, SIGTERM, 0, 3), 0);
-    EXPECT_EQ(isPidAlive(victim), 0);
-    EXPECT_EQ(countOf(log.text(), "KillPid: PID:" + std::to_string(victim) + " Signal:15 Status:0)"), 1u);
-}
-
-TEST_F(ReapedChildren, KillPidRefusesSigkillAsTheFirstSignal)
-{
-    pid_t victim = stubbornChild(false);
-    LogCapture log(0);
-    EXPECT_EQ(KillPid(victim, SIGKILL, 5, 10), 0);
-    EXPECT_EQ(isPidAlive(victim), 0);
-    std::string text = log.text();
+    const std::string text = log.text();
     EXPECT_EQ(countOf(text, "KillPid: SIGKILL is not allowed -- using SIGTERM."), 1u);
-    EXPECT_EQ(countOf(text, "Signal:15"), 1u);
-
-    pid_t other = stubbornChild(false);
-    EXPECT_EQ(KillPidSafe(other, SIGKILL, 5, 10), 0);
-    EXPECT_EQ(countOf(log.text(), "KillPidSafe: SIGKILL is not allowed -- using SIGTERM."), 1u);
+    EXPECT_EQ(countOf(text, "KillPidSafe: SIGKILL is not allowed -- using SIGTERM."), 1u);
+    EXPECT_EQ(countOf(text, "KillPid: PID:" + std::to_string(victim) + " Signal:15 Status:0)"), 1u) << text;
 }
 
-TEST_F(ReapedChildren, SignalZeroGivesTheResultOfTheKill)
+TEST_F(ReapedChildren, SignalZeroAndIsPidAliveForLivingGoneAndInvalidPids)
 {
-    pid_t child = stubbornChild(false);
+    EXPECT_EQ(isPidAlive(getpid()), 1);
+    EXPECT_EQ(isPidAlive(1), 1) << "refused or not, pid 1 exists";
+    EXPECT_EQ(isPidAlive(0), 0);
+    EXPECT_EQ(isPidAlive(-5), 0);
+    const pid_t child = stubbornChild();
+    LogCapture quiet(0);
     EXPECT_EQ(KillPid(child, 0, 1, 2), 0);
     kill(child, SIGKILL);
     ASSERT_TRUE(ferrytest::waitFor([&] { return isPidAlive(child) == 0; }));
     EXPECT_EQ(KillPid(child, 0, 1, 2), -1);
 }
 
-TEST_F(ReapedChildren, ANegativePidSignalsTheGroupAndReturnsWithoutWaiting)
-{
-    pid_t leader = stubbornChild(false, true);
-    EXPECT_EQ(KillPid(-leader, SIGTERM, 6, 6), 0);
-    EXPECT_TRUE(ferrytest::waitFor([&] { return isPidAlive(leader) == 0; }));
-}
-
-TEST_F(ReapedChildren, IsPidAliveForLivingGoneAndInvalidPids)
-{
-    EXPECT_EQ(isPidAlive(getpid()), 1);
-    EXPECT_EQ(isPidAlive(1), 1) << "refused or not, pid 1 exists";
-    EXPECT_EQ(isPidAlive(0), 0);
-    EXPECT_EQ(isPidAlive(-5), 0);
-    pid_t child = fork();
-    if (child == 0)
-        _exit(0);
-    ASSERT_TRUE(ferrytest::waitFor([&] { return isPidAlive(child) == 0; }));
-}
-
 TEST(Nodename, HostNameCutAtTheFirstDotAndAlwaysTerminated)
 {
-    char expected[256] = {};
+    char expected[256] = {}, name[256], tiny[3] = {'x', 'x', 'x'};
     ASSERT_EQ(gethostname(expected, sizeof expected - 1), 0);
     if (char* dot = strchr(expected, '.'))
         *dot = '\0';
-    char name[256];
     EXPECT_EQ(mynodename(name, sizeof name), 0);
     EXPECT_STREQ(name, expected);
-
-    char tiny[3];
-    memset(tiny, 'x', sizeof tiny);
     mynodename(tiny, sizeof tiny);
     EXPECT_LT(strlen(tiny), sizeof tiny);
     EXPECT_EQ(mynodename(nullptr, 10), -1);
@@ -301,21 +212,13 @@ TEST_F(Platform, PingClientAnswersAndRecordsOnlyAChangeOfClient)
     writeProgram("ping_check", "[ \"$1\" = good ] && exit 0; exit 1");
     clear_all_gerrors();
     const GerrorRecord* records = nullptr;
-
     EXPECT_EQ(ping_client("good", 1), 0);
-    ASSERT_EQ(gerror_list(2, &records), 1);
-    EXPECT_NE(strstr(records[0].text, "Client good returns pings on network"), nullptr) << records[0].text;
-    EXPECT_EQ(records[0].number, 1);
-
-    EXPECT_EQ(ping_client("good", 1), 0);
-    EXPECT_EQ(gerror_list(2, &records), 1) << "same client: nothing new";
-
+    EXPECT_EQ(ping_client("good", 1), 0);  // the same client: nothing new
     EXPECT_EQ(ping_client("bad", 1), -7);
     ASSERT_EQ(gerror_list(2, &records), 2);
-    EXPECT_NE(strstr(records[1].text, "Could not ping bad on network"), nullptr) << records[1].text;
-
-    EXPECT_EQ(ping_client("good", 0), 0);
-    EXPECT_EQ(gerror_list(2, &records), 2) << "no report asked for";
+    EXPECT_STREQ(records[0].text, "Client good returns pings on network");
+    EXPECT_STREQ(records[1].text, "Could not ping bad on network");
+    EXPECT_EQ(records[1].number, 1);
 
     LogCapture log(0);
     EXPECT_EQ(ping_client("", 1), -1);
