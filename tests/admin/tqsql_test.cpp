@@ -174,32 +174,29 @@ TEST_F(GroupTest, RefusalsSayWhy)
     EXPECT_STREQ(tqGetLastError(), "List and count parameters cannot be null.");
 }
 
+// An entry as "node instance app_id app_name 'instance_name' status type".
+std::string describe(const restoreGroupEntry& e)
+{
+    return std::to_string(e.node_no) + " " + std::to_string(e.instance_id) + " " + std::to_string(e.app_id) + " " +
+           e.app_name + " '" + e.instance_name + "' " + std::to_string(e.status) + " " + std::to_string(e.type);
+}
+
 TEST_F(GroupTest, RestoreGroupEntriesCarryApplicationAndJobDetails)
 {
     set(a_.vm.diff, "exit_code = 50");
     set(a_.vm.full, "status = " + std::to_string(kStatusGood | 0x4000));
-    Group r = restoreGroup(a_.vm.incr1);
-    ASSERT_EQ(r.rc, 0) << tqGetLastError();
-    ASSERT_EQ(r.entries.size(), 3u);
-    EXPECT_EQ(r.entries[0].status, 1u);  // bit 14
-    EXPECT_EQ(r.entries[1].status, 1u);  // exit code 50
-    EXPECT_EQ(r.entries[2].status, 0u);
-    EXPECT_EQ(r.entries[0].type, 12u);
-    EXPECT_EQ(r.entries[2].type, 14u);
-    for (const restoreGroupEntry& e : r.entries) {
-        EXPECT_EQ(e.node_no, static_cast<uint32_t>(a_.esx));
-        EXPECT_EQ(e.instance_id, static_cast<uint32_t>(a_.vm.instance));
-        EXPECT_EQ(e.app_id, 4u);
-        EXPECT_STREQ(e.app_name, "VMware");
-        EXPECT_STREQ(e.instance_name, "esx01|web01");
-        EXPECT_GT(e.start_time, 1700000000u);
-    }
-    // A file-level instance has no name of its own; a failed member shows 2.
+    Group vm = restoreGroup(a_.vm.incr1);
     Group files = restoreGroup(a_.betaFailedDiff);
+    ASSERT_EQ(vm.entries.size(), 3u);
     ASSERT_EQ(files.entries.size(), 2u);
-    EXPECT_STREQ(files.entries[1].instance_name, "");
-    EXPECT_STREQ(files.entries[1].app_name, "File Level");
-    EXPECT_EQ(files.entries[1].status, 2u);
+    const std::string esx = std::to_string(a_.esx) + " " + std::to_string(a_.vm.instance) + " 4 VMware 'esx01|web01' ";
+    EXPECT_EQ(describe(vm.entries[0]), esx + "1 12");  // status bit 14
+    EXPECT_EQ(describe(vm.entries[1]), esx + "1 13");  // exit code 50
+    EXPECT_EQ(describe(vm.entries[2]), esx + "0 14");
+    // A file-level instance has no name of its own; a failed member shows 2.
+    EXPECT_EQ(describe(files.entries[1]),
+              std::to_string(a_.beta) + " " + std::to_string(a_.betaInstance) + " 1 File Level '' 2 2");
+    EXPECT_GT(vm.entries[0].start_time, 1700000000u);
 }
 
 TEST_F(GroupTest, SqlFileGroupBackupsMatchTheirDatabaseInAnyCase)
