@@ -1,6 +1,6 @@
 // Tests of process start-up under a temporary appliance root: where the
 // install directory and master.ini are found, the process-wide paths, the
-// TQ_* environment, the directories made, and the small helpers.
+// TQ_* environment and table, the directories made, and the small helpers.
 #include "foundation/environment.h"
 #include "foundation/gerror.h"
 #include "foundation/ini.h"
@@ -12,7 +12,6 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
-#include <netdb.h>
 #include <string>
 #include <unistd.h>
 
@@ -23,9 +22,25 @@ using ferrytest::writeFile;
 
 namespace {
 
-const char* const kEnvNames[] = {"TQ_MASTER_INI", "TQ_APPDIR",  "TQ_BINDIR",  "TQ_LOGDIR",     "TQ_REPORTDIR",
-                                 "TQ_INITDIR",    "TQ_XRDIR",   "TQ_LISTDIR", "TQ_PROFILEDIR", "TQ_INFODIR",
-                                 "TQ_UTILDIR",    "TQ_LIBDIR",  "TQDIR",      "BKUPBIN"};
+// The TQ_* table in its printed order: variable, path, place under the install directory.
+const struct EnvPath {
+    const char* var;
+    const std::string* value;
+    const char* under;
+} kTable[] = {{"TQ_MASTER_INI", &g_master_ini, "/tqinit/master.ini"},
+              {"TQ_APPDIR", &g_appdir, ""},
+              {"TQ_BINDIR", &g_bindir, "/bin"},
+              {"TQ_LOGDIR", &g_logdir, "/logs.dir"},
+              {"TQ_REPORTDIR", &g_reportdir, "/reports.dir"},
+              {"TQ_INITDIR", &g_initdir, "/tqinit"},
+              {"TQ_XRDIR", &g_xrdir, "/tqinit/xresources"},
+              {"TQ_LISTDIR", &g_listdir, "/lists.dir"},
+              {"TQ_PROFILEDIR", &g_profiledir, "/profiles.dir"},
+              {"TQ_INFODIR", &g_infodir, "/info.dir"},
+              {"TQ_UTILDIR", &g_utildir, "/util"},
+              {"TQ_LIBDIR", &g_libdir, "/lib"},
+              {"TQDIR", &g_appdir, ""},
+              {"BKUPBIN", &g_bindir, "/bin"}};
 
 std::string env(const char* name)
 {
@@ -33,121 +48,87 @@ std::string env(const char* name)
     return v ? v : "<unset>";
 }
 
-// Every test starts from a clean process state: no TQ_* variables (init_state
-// exports TQDIR, which a later init_state would take), the log closed and the
-// working directory restored before the root goes away.
+// Every test starts without TQ_* variables (init_state exports TQDIR, which
+// a later init_state would take) and gets its log and working directory back.
 class EnvironmentTest : public ::testing::Test {
 protected:
+    static void unsetTable()
+    {
+        for (const EnvPath& e : kTable)
+            unsetenv(e.var);
+    }
     void SetUp() override
     {
-        for (const char* name : kEnvNames)
-            unsetenv(name);
-        savedLevel_ = log_level;
+        unsetTable();
         ASSERT_NE(getcwd(cwd_, sizeof cwd_), nullptr);
     }
     void TearDown() override
     {
         close_log();
-        log_level = savedLevel_;
-        for (const char* name : kEnvNames)
-            unsetenv(name);
+        log_level = 0;
+        unsetTable();
         EXPECT_EQ(chdir(cwd_), 0);
     }
 
     ApplianceRoot root_;
-    int savedLevel_ = 0;
     char cwd_[PATH_MAX] = "";
 };
 
-TEST_F(EnvironmentTest, InitGlobalsFindsTheInstallFromTqIni)
+TEST_F(EnvironmentTest, InitGlobalsFindsTheInstallAndFallsBack)
 {
     root_.writeMasterIni("[debugging]\nferryd=3\n");
     EXPECT_EQ(init_globals("/some/where/ferryd", "tq.ini", "/nowhere"), 0);
-    EXPECT_EQ(g_appdir, root_.appdir());
     EXPECT_EQ(g_initdir, root_.initdir());
     EXPECT_EQ(g_master_ini, root_.masterIni());
     EXPECT_EQ(g_logdir, root_.logdir());
     EXPECT_EQ(g_bindir, root_.appdir() + "/bin");
     EXPECT_EQ(log_level, 3);
-}
 
-TEST_F(EnvironmentTest, InitGlobalsWithoutMasterIniLooksInTheSmallFile)
-{
+    // Without master.ini the small file answers, with defaults.
     unlink(root_.masterIni().c_str());
     log_level = 2;
     EXPECT_EQ(init_globals("ferryd", "tq.ini", "/nowhere"), 0);
     EXPECT_EQ(g_master_ini, root_.tqIni());
-    // The lookups there give their defaults.
     EXPECT_EQ(log_level, 2);
-    EXPECT_EQ(ini_get_int("Replication", "TimeDelay", 60, g_master_ini.c_str()), 60);
-}
 
-TEST_F(EnvironmentTest, InitGlobalsFallsBackToAppdirAndDefault)
-{
     writeFile(root_.path("/etc/default/other.ini"), "[Location Information]\nAPPDIR=/opt/other\n");
     EXPECT_EQ(init_globals("x", "other.ini", "/dflt"), 0);
-    EXPECT_EQ(g_appdir, "/opt/other");
     EXPECT_EQ(g_initdir, "/opt/other/config");
-    EXPECT_EQ(g_master_ini, root_.path("/etc/default/other.ini"));
-
     EXPECT_EQ(init_globals("x", "missing.ini", "/dflt"), -1);
-    EXPECT_EQ(g_appdir, "/dflt");
     EXPECT_EQ(g_initdir, "/dflt/config");
 }
 
-TEST_F(EnvironmentTest, InitStateSetsPathsEnvironmentAndDirectories)
+TEST_F(EnvironmentTest, InitStateSetsPathsEnvironmentTableAndDirectories)
 {
     root_.writeMasterIni("[Configuration Options]\nOemName=Test Vault\nTitle=\"Main; site\"\nQueue=9\n"
-                         "AlwaysSkip=no\n[Debugging]\nferryd-test=1\n");
+                         "[Debugging]\nferryd-test=1\n");
     app_name_from_argv(ghAppName, sizeof ghAppName, "/usr/tq/bin/ferryd-test");
     ASSERT_EQ(init_state(), 0);
 
     const std::string dir = root_.appdir();
-    EXPECT_EQ(g_appdir, dir);
-    EXPECT_EQ(g_master_ini, root_.masterIni());
-    EXPECT_EQ(g_bindir, dir + "/bin");
-    EXPECT_EQ(g_logdir, dir + "/logs.dir");
-    EXPECT_EQ(g_reportdir, dir + "/reports.dir");
-    EXPECT_EQ(g_initdir, dir + "/tqinit");
-    EXPECT_EQ(g_xrdir, dir + "/tqinit/xresources");
-    EXPECT_EQ(g_listdir, dir + "/lists.dir");
-    EXPECT_EQ(g_profiledir, dir + "/profiles.dir");
-    EXPECT_EQ(g_infodir, dir + "/info.dir");
-    EXPECT_EQ(g_utildir, dir + "/util");
-    EXPECT_EQ(g_libdir, dir + "/lib");
-    EXPECT_STREQ(State.tqdir, dir.c_str());
-    EXPECT_STREQ(State.catalogDir, (dir + "/catalog.dir").c_str());
-
-    EXPECT_EQ(env("TQ_MASTER_INI"), root_.masterIni());
-    EXPECT_EQ(env("TQ_APPDIR"), dir);
-    EXPECT_EQ(env("TQDIR"), dir);
-    EXPECT_EQ(env("BKUPBIN"), dir + "/bin");
-    EXPECT_EQ(env("TQ_XRDIR"), dir + "/tqinit/xresources");
-    EXPECT_EQ(env("TQ_LIBDIR"), dir + "/lib");
-
+    std::string table, shellTable;
+    for (const EnvPath& e : kTable) {
+        EXPECT_EQ(*e.value, dir + e.under) << e.var;
+        EXPECT_EQ(env(e.var), dir + e.under) << e.var;
+        table += std::string(e.var) + "=" + dir + e.under + "\n";
+        shellTable += std::string(": ${") + e.var + ":=" + dir + e.under + "}\n";
+    }
+    for (int shell = 0; shell <= 1; ++shell) {
+        testing::internal::CaptureStdout();
+        print_env_table(shell);
+        EXPECT_EQ(testing::internal::GetCapturedStdout(), shell ? shellTable : table);
+    }
     for (const char* sub : {"/profiles.dir", "/lists.dir", "/info.dir", "/catalog.dir", "/logs.dir", "/reports.dir"})
         EXPECT_TRUE(fileExists(dir + sub)) << sub;
     char here[PATH_MAX];
     ASSERT_NE(getcwd(here, sizeof here), nullptr);
     EXPECT_EQ(std::string(here), dir);
-
+    EXPECT_STREQ(State.catalogDir, (dir + "/catalog.dir").c_str());
+    EXPECT_STREQ(Profile.defaultProfile, (dir + "/profiles.dir/Default.spr").c_str());
     EXPECT_STREQ(g_appname, "Test Vault");
     EXPECT_STREQ(Profile.title, "Main");
-    EXPECT_EQ(log_level, 1);
     EXPECT_EQ(State.queueLength, 9);
-    EXPECT_EQ(State.dataPort, 1744);
-    EXPECT_EQ(State.netPacket, 768);
-    EXPECT_EQ(State.optNetPacket, 4);
-    EXPECT_EQ(Profile.testTries, -1);
-    EXPECT_EQ(Profile.catalogLines, 66);
-    EXPECT_EQ(Profile.rewindDelay, 30);
-    EXPECT_EQ(Profile.alwaysSkip, 0);
-    EXPECT_EQ(Profile.skipNoFiles, 0);
-    EXPECT_EQ(State.enableStackLevel, 9);
-    EXPECT_STREQ(Profile.defaultProfile, (dir + "/profiles.dir/Default.spr").c_str());
-    EXPECT_STREQ(State.logPath, (dir + "/logs.dir/tq.log").c_str());
-    struct servent* se = getservbyname("tqd", "tcp");
-    EXPECT_EQ(State.servicePort, se ? ntohs(static_cast<uint16_t>(se->s_port)) : 1743);
+    EXPECT_EQ(log_level, 1);
 
     // The first log of the process is the common one.
     log_printf(0, "%s:%d: environment test line", __FILE__, __LINE__);
@@ -155,129 +136,80 @@ TEST_F(EnvironmentTest, InitStateSetsPathsEnvironmentAndDirectories)
     EXPECT_NE(readFile(dir + "/logs.dir/tq.log").find("environment test line"), std::string::npos);
 }
 
-TEST_F(EnvironmentTest, MasterIniMovesLogsReportsAndProfile)
+TEST_F(EnvironmentTest, MasterIniMovesLogsReportsAndProfileAndNamesErrors)
 {
     const std::string elsewhere = root_.root() + "/elsewhere";
     root_.writeMasterIni("[Location Information]\nLogs-Dir=" + elsewhere + "/logs\nReports-Dir=" + elsewhere +
                          "/reports\nCatalogDir=N/A\nDefProfile=Weekly.spr\n");
+    writeFile(root_.initdir() + "/gerror.ini", "[General]\n5=Tape is full\n");
     ASSERT_EQ(init_state(), 0);
-    EXPECT_EQ(g_logdir, elsewhere + "/logs");
-    EXPECT_EQ(g_reportdir, elsewhere + "/reports");
     EXPECT_EQ(env("TQ_LOGDIR"), elsewhere + "/logs");
+    EXPECT_EQ(g_reportdir, elsewhere + "/reports");
     EXPECT_TRUE(fileExists(elsewhere + "/logs/tq.log"));
     EXPECT_TRUE(fileExists(elsewhere + "/reports"));
     EXPECT_STREQ(State.catalogDir, (root_.appdir() + "/catalog.dir").c_str());
     EXPECT_STREQ(Profile.defaultProfile, (root_.appdir() + "/profiles.dir/Weekly.spr").c_str());
-}
 
-TEST_F(EnvironmentTest, ErrorStoreNamesNumbersFromGerrorIni)
-{
-    writeFile(root_.initdir() + "/gerror.ini", "[General]\n5=Tape is full\n");
-    ASSERT_EQ(init_state(), 0);
     clear_all_gerrors();
     ASSERT_EQ(add_gerror(2, 5, "%s", "while writing"), 0);
-    ASSERT_NE(last_gerror(2), nullptr);
-    EXPECT_NE(std::string(last_gerror(2)).find("Tape is full"), std::string::npos) << last_gerror(2);
+    EXPECT_STREQ(last_gerror(2), "(TQ) Tape is full while writing");
     clear_all_gerrors();
 }
 
-TEST_F(EnvironmentTest, InstallDirectoryFallsBackToUsrTqUnderTheRoot)
+TEST_F(EnvironmentTest, InstallDirectoryFromEnvironmentTqIniOrUsrTq)
 {
+    const std::string fresh = root_.root() + "/opt/fresh";
+    setenv("TQDIR", fresh.c_str(), 1);  // used as written, not under the root
+    ASSERT_EQ(init_state(), 0);
+    EXPECT_EQ(g_master_ini, fresh + "/tqinit/master.ini");
+    EXPECT_TRUE(fileExists(fresh + "/logs.dir/tq.log"));
+
+    unsetenv("TQDIR");
     writeFile(root_.tqIni(), "[Location Information]\nTQDIR=N/A\n");
     ASSERT_EQ(init_state(), 0);
     EXPECT_EQ(g_appdir, root_.path("/usr/tq"));
-
     unsetenv("TQDIR");
     unlink(root_.tqIni().c_str());
     ASSERT_EQ(init_state(), 0);
     EXPECT_EQ(g_appdir, root_.path("/usr/tq"));
-}
 
-TEST_F(EnvironmentTest, TqdirFromTheEnvironmentIsUsedAsWritten)
-{
-    const std::string fresh = root_.root() + "/opt/fresh";
-    setenv("TQDIR", fresh.c_str(), 1);
-    ASSERT_EQ(init_state(), 0);
-    EXPECT_EQ(g_appdir, fresh);
-    EXPECT_EQ(g_master_ini, fresh + "/tqinit/master.ini");
-    EXPECT_TRUE(fileExists(fresh + "/logs.dir/tq.log"));
-    EXPECT_TRUE(fileExists(fresh + "/profiles.dir"));
-}
-
-TEST_F(EnvironmentTest, OverlongInstallDirectoryIsRefused)
-{
-    setenv("TQDIR", ("/" + std::string(260, 'd')).c_str(), 1);
-    EXPECT_EQ(init_state(), -1);
-    // Room for the directory but not for master.ini behind it.
-    setenv("TQDIR", ("/" + std::string(240, 'd')).c_str(), 1);
-    EXPECT_EQ(init_state(), -1);
-}
-
-TEST_F(EnvironmentTest, RelativeInstallDirectoryLeavesErrorCode17)
-{
+    // A relative directory works but leaves error code 17.
     State.errorCode = 0;
     setenv("TQDIR", "relative-tq", 1);
     ASSERT_EQ(chdir(root_.root().c_str()), 0);
     ASSERT_EQ(init_state(), 0);
     EXPECT_EQ(State.errorCode, 17);
     EXPECT_TRUE(fileExists(root_.root() + "/relative-tq"));
-}
 
-TEST_F(EnvironmentTest, PrintEnvTableListsFourteenRowsInOrder)
-{
-    ASSERT_EQ(init_state(), 0);
-    std::string out = root_.root() + "/table.txt";
-    for (int shell = 0; shell <= 1; ++shell) {
-        fflush(stdout);
-        int saved = dup(1);
-        FILE* f = fopen(out.c_str(), "w");
-        ASSERT_NE(f, nullptr);
-        dup2(fileno(f), 1);
-        print_env_table(shell);
-        fflush(stdout);
-        dup2(saved, 1);
-        close(saved);
-        fclose(f);
-
-        const std::string* values[] = {&g_master_ini, &g_appdir,   &g_bindir,   &g_logdir,     &g_reportdir,
-                                       &g_initdir,    &g_xrdir,    &g_listdir,  &g_profiledir, &g_infodir,
-                                       &g_utildir,    &g_libdir,   &g_appdir,   &g_bindir};
-        std::string expected;
-        for (size_t i = 0; i < 14; ++i) {
-            char line[1200];
-            snprintf(line, sizeof line, shell ? ": ${%s:=%s}\n" : "%s=%s\n", kEnvNames[i], values[i]->c_str());
-            expected += line;
-        }
-        EXPECT_EQ(readFile(out), expected) << "shell form " << shell;
+    // Too long for the directory, or for master.ini behind it.
+    for (int length : {260, 240}) {
+        setenv("TQDIR", ("/" + std::string(length, 'd')).c_str(), 1);
+        EXPECT_EQ(init_state(), -1) << length;
     }
 }
 
-TEST_F(EnvironmentTest, SetEnvVarSplitsAtTheFirstEquals)
+TEST(EnvironmentHelpers, SetEnvVarAndAppNameFromArgv)
 {
     EXPECT_EQ(set_env_var("%s=%s", "FERRY_TEST_VAR", "a=b"), 0);
-    EXPECT_EQ(env("FERRY_TEST_VAR"), "a=b");
-    EXPECT_EQ(set_env_var("FERRY_TEST_VAR=%d", 7), 0);
-    EXPECT_EQ(env("FERRY_TEST_VAR"), "7");
+    EXPECT_EQ(env("FERRY_TEST_VAR"), "a=b");  // split at the first '='
     EXPECT_EQ(set_env_var("no equals sign"), -1);
     EXPECT_EQ(set_env_var("=value"), -1);
     unsetenv("FERRY_TEST_VAR");
-}
 
-TEST(AppNameFromArgv, KeepsTheNameBehindTheLastSlashOfTheLast31Characters)
-{
-    char buf[32];
-    app_name_from_argv(buf, sizeof buf, "/usr/tq/bin/ferryd");
-    EXPECT_STREQ(buf, "ferryd");
-    app_name_from_argv(buf, sizeof buf, "ferryd-util");
-    EXPECT_STREQ(buf, "ferryd-util");
-    std::string longName(40, 'n');
-    app_name_from_argv(buf, sizeof buf, ("/bin/" + longName).c_str());
-    EXPECT_EQ(std::string(buf), std::string(31, 'n'));
-    char small[4];
-    app_name_from_argv(small, sizeof small, "/x/abcdef");
-    EXPECT_STREQ(small, "def");
-    app_name_from_argv(buf, sizeof buf, nullptr);
-    EXPECT_STREQ(buf, "");
+    struct Case {
+        const char* path;
+        int size;
+        const char* expected;
+    } cases[] = {{"/usr/tq/bin/ferryd", 32, "ferryd"},
+                 {"ferryd-util", 32, "ferryd-util"},
+                 {"/bin/nnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnnn", 32, "nnnnnnnnnnnnnnnnnnnnnnnnnnnnnnn"},
+                 {"/x/abcdef", 4, "def"},
+                 {nullptr, 32, ""}};
+    for (const Case& c : cases) {
+        char buf[32];
+        app_name_from_argv(buf, c.size, c.path);
+        EXPECT_STREQ(buf, c.expected) << (c.path ? c.path : "null");
+    }
 }
 
 } // namespace
