@@ -322,7 +322,8 @@ TEST_F(LoggerTest, ProgramLogStartLineAndTqlogname)
     log_level = 6;
     ASSERT_EQ(open_program_log("starter", 1), 0);
     flush_log();
-    std::regex start(std::string(R"(starter\[)") + FERRY_VERSION + R"(, pid = [0-9]+\]: started on .+  \(Log level=6\)\n)");
+    std::regex start(std::string(R"(starter\[)") + FERRY_VERSION +
+                     R"(, pid = [0-9]+\]: started on .+  \(Log level=6\)\n)");
     EXPECT_TRUE(std::regex_search(readFile(logFile("starter-0.log")), start)) << readFile(logFile("starter-0.log"));
 
     setenv("TQLOGNAME", logFile("fixed.log").c_str(), 1);
