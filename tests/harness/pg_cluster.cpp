@@ -5,20 +5,16 @@
 #include <libpq-fe.h>
 
 #include <algorithm>
-#include <arpa/inet.h>
 #include <cerrno>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
-#include <grp.h>
 #include <filesystem>
 #include <fstream>
+#include <grp.h>
 #include <memory>
-#include <netinet/in.h>
 #include <pwd.h>
 #include <sstream>
-#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -31,19 +27,20 @@ namespace {
 
 PgClusterEnvironment* g_cluster = nullptr;
 
-struct ConnCloser {
-    void operator()(PGconn* c) const { PQfinish(c); }
-};
-struct ResultCloser {
-    void operator()(PGresult* r) const { PQclear(r); }
-};
-using ConnPtr = std::unique_ptr<PGconn, ConnCloser>;
-using ResultPtr = std::unique_ptr<PGresult, ResultCloser>;
+// PostgreSQL refuses to run as root: then the server and its tools run as
+// the postgres system user, resolved once before anything is forked.
+struct ServerUser {
+    bool drop = false;
+    uid_t uid = 0;
+    gid_t gid = 0;
+} g_serverUser;
 
-std::string pgBinDir()
+using ResultPtr = std::unique_ptr<PGresult, decltype(&PQclear)>;
+
+std::string pgBin(const char* tool)
 {
     const char* dir = getenv("FERRY_PG_BINDIR");
-    return dir && *dir ? dir : "/usr/lib/postgresql/15/bin";
+    return std::string(dir && *dir ? dir : "/usr/lib/postgresql/15/bin") + "/" + tool;
 }
 
 std::string slurp(const std::string& path)
@@ -54,137 +51,88 @@ std::string slurp(const std::string& path)
     return out.str();
 }
 
-void closeFrom(int lowest)
-{
-    if (close_range(static_cast<unsigned>(lowest), ~0U, 0) == 0)
-        return;
-    long max = sysconf(_SC_OPEN_MAX);
-    for (long fd = lowest; fd < (max > 0 ? max : 1024); ++fd)
-        close(static_cast<int>(fd));
-}
-
-// Who runs the server and its tools: PostgreSQL refuses root.
-struct RunAs {
-    bool drop = false;
-    uid_t uid = 0;
-    gid_t gid = 0;
-};
-
 // Runs argv with stdin from /dev/null and stdout+stderr appended to
-// `outPath`, in `cwd`, optionally as another user. No descriptor of this
-// process leaks into the child (the server must not hold the guardian's
-// pipe). Returns the exit status, or -1 if it did not exit normally.
-int runCommand(const std::vector<std::string>& argv, const std::string& outPath, const RunAs& as,
+// `outPath`, in `cwd`, as the server user when `asServer`. No descriptor of
+// this process leaks into the child (the server must not hold the
+// guardian's pipe). Returns the exit status, or -1 if it did not exit.
+int runCommand(const std::vector<std::string>& argv, const std::string& outPath, bool asServer,
                const std::string& cwd)
 {
     std::vector<char*> args;
     for (const auto& a : argv)
         args.push_back(const_cast<char*>(a.c_str()));
     args.push_back(nullptr);
-
     fflush(nullptr);
     pid_t pid = fork();
-    if (pid < 0)
-        return -1;
     if (pid == 0) {
+        bool drop = asServer && g_serverUser.drop;
         int in = open("/dev/null", O_RDONLY);
         int out = open(outPath.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0644);
-        if (in < 0 || out < 0)
-            _exit(126);
-        dup2(in, 0);
-        dup2(out, 1);
-        dup2(out, 2);
-        closeFrom(3);
-        if (as.drop) {
-            if (setgroups(0, nullptr) != 0 || setgid(as.gid) != 0 || setuid(as.uid) != 0)
-                _exit(126);
-        }
-        if (!cwd.empty() && chdir(cwd.c_str()) != 0)
+        if (in < 0 || out < 0 || dup2(in, 0) < 0 || dup2(out, 1) < 0 || dup2(out, 2) < 0 ||
+            close_range(3, ~0U, 0) != 0 ||
+            (drop && (setgroups(0, nullptr) != 0 || setgid(g_serverUser.gid) != 0 || setuid(g_serverUser.uid) != 0)) ||
+            (!cwd.empty() && chdir(cwd.c_str()) != 0))
             _exit(126);
         setenv("LC_ALL", "C", 1);
-        if (as.drop)
+        if (drop)
             setenv("HOME", cwd.c_str(), 1);
         execvp(args[0], args.data());
         _exit(127);
     }
     int status = 0;
-    while (waitpid(pid, &status, 0) < 0) {
+    while (pid > 0 && waitpid(pid, &status, 0) < 0)
         if (errno != EINTR)
             return -1;
-    }
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    return pid > 0 && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 }
 
-int findFreePort()
+// pg_ctl stop in `mode`; its output goes to `log`. True when it worked.
+bool stopServer(const std::string& baseDir, const std::string& dataDir, const char* mode, const std::string& log)
 {
-    int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    if (fd < 0)
-        return 0;
-    sockaddr_in addr{};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = 0;
-    socklen_t len = sizeof(addr);
-    int port = 0;
-    if (bind(fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) == 0 &&
-        getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &len) == 0)
-        port = ntohs(addr.sin_port);
-    close(fd);
-    return port;
+    return runCommand({pgBin("pg_ctl"), "stop", "-D", dataDir, "-m", mode, "-w", "-t", "120"}, log, true,
+                      baseDir) == 0;
 }
 
-bool chownTree(const std::string& path, uid_t uid, gid_t gid)
+// Runs `sql` on a fresh connection to `dbname` of the cluster. True on
+// success, with the result in *out when given; else the reason in `error`.
+bool runSql(const std::string& dbname, const std::string& sql, std::string& error, ResultPtr* out = nullptr)
 {
-    if (chown(path.c_str(), uid, gid) != 0)
+    if (!g_cluster || g_cluster->baseDir().empty()) {
+        error = "no PostgreSQL cluster registered";
         return false;
-    std::error_code ec;
-    for (auto it = fs::recursive_directory_iterator(path, ec); !ec && it != fs::end(it); it.increment(ec))
-        if (lchown(it->path().c_str(), uid, gid) != 0)
-            return false;
-    return !ec;
-}
-
-std::string sqlQuoteIdent(const std::string& name)
-{
-    std::string out = "\"";
-    for (char c : name) {
-        if (c == '"')
-            out += '"';
-        out += c;
     }
-    return out + "\"";
+    std::unique_ptr<PGconn, decltype(&PQfinish)> conn(PQconnectdb(g_cluster->connString(dbname).c_str()), PQfinish);
+    ResultPtr res(PQstatus(conn.get()) == CONNECTION_OK ? PQexec(conn.get(), sql.c_str()) : nullptr, PQclear);
+    ExecStatusType status = PQresultStatus(res.get());
+    if (status != PGRES_COMMAND_OK && status != PGRES_TUPLES_OK && status != PGRES_EMPTY_QUERY) {
+        error = PQerrorMessage(conn.get());
+        return false;
+    }
+    if (out)
+        *out = std::move(res);
+    return true;
 }
 
 // The guardian: waits until every copy of the pipe's write end is closed
 // (the test binary and its forked children have ended, however they ended),
 // then stops the server if it still runs and removes the directory.
-[[noreturn]] void guardianMain(int readFd, const std::string& baseDir, const std::string& dataDir,
-                               const RunAs& as)
+[[noreturn]] void guardianMain(int readFd, const std::string& baseDir, const std::string& dataDir)
 {
     setsid();
     for (int sig : {SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGPIPE})
         signal(sig, SIG_IGN);
     int devnull = open("/dev/null", O_RDWR);
-    if (devnull >= 0) {
-        dup2(devnull, 0);
-        dup2(devnull, 1);
-        dup2(devnull, 2);
-    }
-    if (readFd != 3) {
-        dup2(readFd, 3);
-        readFd = 3;
-    }
-    closeFrom(4);
+    for (int fd = 0; fd < 3 && devnull >= 0; ++fd)
+        dup2(devnull, fd);
+    dup2(readFd, 3);
+    close_range(4, ~0U, 0);
     char buf[64];
-    for (;;) {
-        ssize_t n = read(readFd, buf, sizeof(buf));
-        if (n == 0 || (n < 0 && errno != EINTR))
-            break;
+    ssize_t n;
+    while ((n = read(3, buf, sizeof(buf))) != 0 && (n > 0 || errno == EINTR)) {
     }
     std::error_code ec;
     if (fs::exists(dataDir + "/postmaster.pid", ec))
-        runCommand({pgBinDir() + "/pg_ctl", "stop", "-D", dataDir, "-m", "immediate", "-w"}, "/dev/null",
-                   as, baseDir);
+        stopServer(baseDir, dataDir, "immediate", "/dev/null");
     fs::remove_all(baseDir, ec);
     _exit(0);
 }
@@ -219,17 +167,11 @@ std::string PgClusterEnvironment::connString(const std::string& dbname) const
 void PgClusterEnvironment::SetUp()
 {
     ownerPid_ = getpid();
-    asRoot_ = geteuid() == 0;
-    if (asRoot_) {
+    if (geteuid() == 0) {
         struct passwd* pw = getpwnam("postgres");
         ASSERT_NE(pw, nullptr) << "running as root needs the postgres system user";
-        runUid_ = pw->pw_uid;
-        runGid_ = pw->pw_gid;
-    } else {
-        runUid_ = geteuid();
-        runGid_ = getegid();
+        g_serverUser = {true, pw->pw_uid, pw->pw_gid};
     }
-
     // /tmp keeps the socket path short and is reachable for the postgres user.
     std::string tmpl = "/tmp/ferry-pg-XXXXXX";
     ASSERT_NE(mkdtemp(tmpl.data()), nullptr) << "mkdtemp: " << strerror(errno);
@@ -238,13 +180,15 @@ void PgClusterEnvironment::SetUp()
     socketDir_ = baseDir_ + "/sock";
     serviceFile_ = baseDir_ + "/pg_service.conf";
     serverLog_ = baseDir_ + "/server.log";
-    fs::create_directory(socketDir_);
-    chmod(baseDir_.c_str(), 0755);
-    chmod(socketDir_.c_str(), 0755);
-    if (asRoot_) {
-        ASSERT_TRUE(chownTree(baseDir_, runUid_, runGid_)) << "chown " << baseDir_;
+    // The socket sits in a private directory and nothing listens on TCP, so
+    // every cluster can keep the default port.
+    port_ = 5432;
+    ASSERT_EQ(mkdir(socketDir_.c_str(), 0755), 0) << strerror(errno);
+    ASSERT_EQ(chmod(baseDir_.c_str(), 0755), 0);
+    if (g_serverUser.drop) {
+        ASSERT_EQ(chown(baseDir_.c_str(), g_serverUser.uid, g_serverUser.gid), 0) << strerror(errno);
+        ASSERT_EQ(chown(socketDir_.c_str(), g_serverUser.uid, g_serverUser.gid), 0) << strerror(errno);
     }
-
     startGuardian();
     ASSERT_TRUE(initCluster());
     ASSERT_TRUE(start());
@@ -262,13 +206,10 @@ void PgClusterEnvironment::cleanup()
 {
     if (baseDir_.empty())
         return;
-    if (running_ || fs::exists(dataDir_ + "/postmaster.pid")) {
-        RunAs as{asRoot_, runUid_, runGid_};
-        runCommand({pgBinDir() + "/pg_ctl", "stop", "-D", dataDir_, "-m", "immediate", "-w"},
-                   "/dev/null", as, baseDir_);
-        running_ = false;
-    }
     std::error_code ec;
+    if (running_ || fs::exists(dataDir_ + "/postmaster.pid", ec))
+        stopServer(baseDir_, dataDir_, "immediate", "/dev/null");
+    running_ = false;
     fs::remove_all(baseDir_, ec);
     baseDir_.clear();
     if (hadServiceFile_)
@@ -276,10 +217,9 @@ void PgClusterEnvironment::cleanup()
     else
         unsetenv("PGSERVICEFILE");
     // The guardian finds nothing left to do and ends by itself.
-    if (guardianFd_ >= 0) {
+    if (guardianFd_ >= 0)
         close(guardianFd_);
-        guardianFd_ = -1;
-    }
+    guardianFd_ = -1;
 }
 
 void PgClusterEnvironment::startGuardian()
@@ -289,7 +229,6 @@ void PgClusterEnvironment::startGuardian()
         ADD_FAILURE() << "pipe: " << strerror(errno);
         return;
     }
-    RunAs as{asRoot_, runUid_, runGid_};
     fflush(nullptr);
     // Forked twice, so the guardian is nobody's child here: code under test
     // that waits for "any child" never sees it.
@@ -297,47 +236,36 @@ void PgClusterEnvironment::startGuardian()
     if (pid == 0) {
         close(fds[1]);
         if (fork() == 0)
-            guardianMain(fds[0], baseDir_, dataDir_, as);
+            guardianMain(fds[0], baseDir_, dataDir_);
         _exit(0);
     }
     close(fds[0]);
+    int status;
+    while (pid > 0 && waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+    }
     if (pid < 0) {
         close(fds[1]);
         ADD_FAILURE() << "fork: " << strerror(errno);
         return;
-    }
-    int status;
-    while (waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
     guardianFd_ = fds[1];
 }
 
 bool PgClusterEnvironment::initCluster()
 {
-    RunAs as{asRoot_, runUid_, runGid_};
     std::string log = baseDir_ + "/initdb.log";
-    int rc = runCommand({pgBinDir() + "/initdb", "-D", dataDir_, "-U", "postgres", "-A", "trust", "-E",
-                         "UTF8", "--locale=C", "--no-sync", "--no-instructions"},
-                        log, as, baseDir_);
+    int rc = runCommand({pgBin("initdb"), "-D", dataDir_, "-U", "postgres", "-A", "trust", "-E", "UTF8",
+                         "--locale=C", "--no-sync", "--no-instructions"},
+                        log, true, baseDir_);
     if (rc != 0) {
         ADD_FAILURE() << "initdb failed (" << rc << "):\n" << slurp(log);
         return false;
     }
-    port_ = findFreePort();
-    if (port_ == 0)
-        port_ = 20000 + getpid() % 30000;
     std::ofstream conf(dataDir_ + "/postgresql.conf", std::ios::app);
-    conf << "\n# private test cluster\n"
-         << "listen_addresses = ''\n"
-         << "port = " << port_ << "\n"
-         << "unix_socket_directories = '" << socketDir_ << "'\n"
-         << "fsync = off\n"
-         << "synchronous_commit = off\n"
-         << "full_page_writes = off\n"
-         << "max_connections = 100\n"
-         << "shared_buffers = 16MB\n"
-         << "max_prepared_transactions = 0\n";
-    if (!conf) {
+    conf << "\n# private test cluster\nlisten_addresses = ''\nport = " << port_
+         << "\nunix_socket_directories = '" << socketDir_
+         << "'\nfsync = off\nsynchronous_commit = off\nfull_page_writes = off\nshared_buffers = 16MB\n";
+    if (!conf.flush()) {
         ADD_FAILURE() << "cannot write postgresql.conf";
         return false;
     }
@@ -346,10 +274,9 @@ bool PgClusterEnvironment::initCluster()
 
 bool PgClusterEnvironment::start()
 {
-    RunAs as{asRoot_, runUid_, runGid_};
     std::string log = baseDir_ + "/pg_ctl.log";
-    int rc = runCommand({pgBinDir() + "/pg_ctl", "start", "-D", dataDir_, "-l", serverLog_, "-w", "-t", "120"},
-                        log, as, baseDir_);
+    int rc = runCommand({pgBin("pg_ctl"), "start", "-D", dataDir_, "-l", serverLog_, "-w", "-t", "120"}, log, true,
+                        baseDir_);
     if (rc != 0) {
         ADD_FAILURE() << "pg_ctl start failed (" << rc << "):\n" << slurp(log) << "\n" << slurp(serverLog_);
         return false;
@@ -360,12 +287,9 @@ bool PgClusterEnvironment::start()
 
 bool PgClusterEnvironment::stop()
 {
-    RunAs as{asRoot_, runUid_, runGid_};
     std::string log = baseDir_ + "/pg_ctl.log";
-    int rc = runCommand({pgBinDir() + "/pg_ctl", "stop", "-D", dataDir_, "-m", "fast", "-w", "-t", "120"}, log,
-                        as, baseDir_);
-    if (rc != 0) {
-        ADD_FAILURE() << "pg_ctl stop failed (" << rc << "):\n" << slurp(log);
+    if (!stopServer(baseDir_, dataDir_, "fast", log)) {
+        ADD_FAILURE() << "pg_ctl stop failed:\n" << slurp(log);
         return false;
     }
     running_ = false;
@@ -379,35 +303,21 @@ bool PgClusterEnvironment::restart()
 
 bool PgClusterEnvironment::createDatabase()
 {
-    ConnPtr conn(PQconnectdb(connString("postgres").c_str()));
-    if (PQstatus(conn.get()) != CONNECTION_OK) {
-        ADD_FAILURE() << "cannot connect to the new cluster: " << PQerrorMessage(conn.get());
-        return false;
-    }
-    std::string sql = "CREATE DATABASE tqdb;";
+    // CREATE DATABASE cannot share a statement string with anything else.
+    std::string error;
+    bool ok = runSql("postgres", "CREATE DATABASE tqdb", error);
+    // Tools that connect without naming a user come as the current one.
     struct passwd* pw = getpwuid(geteuid());
-    if (pw && strcmp(pw->pw_name, "postgres") != 0)
-        sql += "CREATE ROLE " + sqlQuoteIdent(pw->pw_name) + " SUPERUSER LOGIN;";
-    // CREATE DATABASE cannot run inside the implicit transaction of a
-    // multi-statement string, so the statements go one by one.
-    std::istringstream statements(sql);
-    std::string one;
-    while (std::getline(statements, one, ';')) {
-        ResultPtr res(PQexec(conn.get(), one.c_str()));
-        if (PQresultStatus(res.get()) != PGRES_COMMAND_OK) {
-            ADD_FAILURE() << one << ": " << PQerrorMessage(conn.get());
-            return false;
-        }
-    }
-    return true;
+    if (ok && pw && strcmp(pw->pw_name, "postgres") != 0)
+        ok = runSql("postgres", "CREATE ROLE \"" + std::string(pw->pw_name) + "\" SUPERUSER LOGIN", error);
+    if (!ok)
+        ADD_FAILURE() << "creating tqdb: " << error;
+    return ok;
 }
 
 void PgClusterEnvironment::writeServiceFile()
 {
-    {
-        std::ofstream out(serviceFile_, std::ios::trunc);
-        out << "# private test cluster\n";
-    }
+    std::ofstream(serviceFile_, std::ios::trunc) << "# private test cluster\n";
     addService("localhost");
     if (const char* old = getenv("PGSERVICEFILE")) {
         hadServiceFile_ = true;
@@ -432,12 +342,11 @@ void PgClusterEnvironment::appendServiceText(const std::string& text)
 
 bool PgClusterEnvironment::loadSchema()
 {
-    std::string dir = std::string(FERRY_SOURCE_DIR) + "/sql";
-    std::vector<std::string> files;
+    std::vector<fs::path> files;
     std::error_code ec;
-    for (const auto& entry : fs::directory_iterator(dir, ec))
+    for (const auto& entry : fs::directory_iterator(std::string(FERRY_SOURCE_DIR) + "/sql", ec))
         if (entry.is_regular_file() && entry.path().extension() == ".sql")
-            files.push_back(entry.path().string());
+            files.push_back(entry.path());
     std::sort(files.begin(), files.end());
     for (const auto& file : files) {
         std::string output;
@@ -451,17 +360,16 @@ bool PgClusterEnvironment::loadSchema()
 
 bool pgRunSqlFile(const std::string& path, std::string* output)
 {
-    PgClusterEnvironment* env = pgCluster();
-    if (!env || env->baseDir().empty()) {
+    if (!g_cluster || g_cluster->baseDir().empty()) {
         ADD_FAILURE() << "no PostgreSQL cluster registered";
         return false;
     }
-    std::string log = env->baseDir() + "/psql-" + std::to_string(getpid()) + ".log";
+    std::string log = g_cluster->baseDir() + "/psql-" + std::to_string(getpid()) + ".log";
     unlink(log.c_str());
     // psql runs as the caller: it only needs to reach the socket.
-    int rc = runCommand({pgBinDir() + "/psql", "-X", "-q", "-v", "ON_ERROR_STOP=1", "-h", env->socketDir(), "-p",
-                         std::to_string(env->port()), "-U", "postgres", "-d", "tqdb", "-f", path},
-                        log, RunAs{}, "");
+    int rc = runCommand({pgBin("psql"), "-X", "-q", "-v", "ON_ERROR_STOP=1", "-d", g_cluster->connString(), "-f",
+                         path},
+                        log, false, "");
     if (output)
         *output = slurp(log);
     unlink(log.c_str());
@@ -470,22 +378,9 @@ bool pgRunSqlFile(const std::string& path, std::string* output)
 
 bool pgExecSql(const std::string& sql, std::string* error, bool expectFailure)
 {
-    PgClusterEnvironment* env = pgCluster();
-    if (!env || env->baseDir().empty()) {
-        ADD_FAILURE() << "no PostgreSQL cluster registered";
-        return false;
-    }
-    ConnPtr conn(PQconnectdb(env->connString().c_str()));
     std::string message;
-    if (PQstatus(conn.get()) != CONNECTION_OK) {
-        message = PQerrorMessage(conn.get());
-    } else {
-        ResultPtr res(PQexec(conn.get(), sql.c_str()));
-        ExecStatusType st = PQresultStatus(res.get());
-        if (st == PGRES_COMMAND_OK || st == PGRES_TUPLES_OK || st == PGRES_EMPTY_QUERY)
-            return true;
-        message = PQerrorMessage(conn.get());
-    }
+    if (runSql("tqdb", sql, message))
+        return true;
     if (error)
         *error = message;
     if (!expectFailure)
@@ -495,19 +390,10 @@ bool pgExecSql(const std::string& sql, std::string* error, bool expectFailure)
 
 std::string pgQueryValue(const std::string& sql)
 {
-    PgClusterEnvironment* env = pgCluster();
-    if (!env || env->baseDir().empty()) {
-        ADD_FAILURE() << "no PostgreSQL cluster registered";
-        return "";
-    }
-    ConnPtr conn(PQconnectdb(env->connString().c_str()));
-    if (PQstatus(conn.get()) != CONNECTION_OK) {
-        ADD_FAILURE() << "connect failed: " << PQerrorMessage(conn.get());
-        return "";
-    }
-    ResultPtr res(PQexec(conn.get(), sql.c_str()));
-    if (PQresultStatus(res.get()) != PGRES_TUPLES_OK) {
-        ADD_FAILURE() << "query failed: " << PQerrorMessage(conn.get()) << "statement: " << sql;
+    ResultPtr res(nullptr, PQclear);
+    std::string message;
+    if (!runSql("tqdb", sql, message, &res)) {
+        ADD_FAILURE() << "query failed: " << message << "statement: " << sql;
         return "";
     }
     if (PQntuples(res.get()) < 1 || PQnfields(res.get()) < 1 || PQgetisnull(res.get(), 0, 0))

@@ -85,9 +85,6 @@ private:
     std::string baseDir_, dataDir_, socketDir_, serviceFile_, serverLog_;
     int port_ = 0;
     bool running_ = false;
-    bool asRoot_ = false;
-    uid_t runUid_ = 0;
-    gid_t runGid_ = 0;
     int guardianFd_ = -1;
     pid_t ownerPid_ = -1;
     std::string savedServiceFile_;
