@@ -179,6 +179,10 @@ TEST_F(IniTest, PutStringKeepsTheLayout)
     ASSERT_EQ(ini_put_string("s", "z", "new", path_.c_str()), 0);
     EXPECT_EQ(lines()[2].substr(0, 7), "  z=new");
     EXPECT_EQ(lines()[3], "[S]");
+    // A missing file is created; one in a missing directory is not.
+    std::string fresh = root_.root() + "/fresh.ini";
+    ASSERT_EQ(ini_put_string("Location Information", "TQDIR", "/opt/x", fresh.c_str()), 0);
+    EXPECT_NE(readFile(fresh).find("[Location Information]\n  TQDIR=/opt/x"), std::string::npos);
     EXPECT_EQ(ini_put_string("s", "k", "v", (root_.root() + "/no/such/dir/f.ini").c_str()), -1);
 }
 
