@@ -8,6 +8,8 @@
 #include <cstdio>
 #include <gtest/gtest.h>
 #include <sys/prctl.h>
+#include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <thread>
 
@@ -227,4 +229,32 @@ TEST_F(DaemonTest, UnreadableMasterIniGivesDefaultsNotACrash)
     kill(pid, SIGTERM);
     int status = waitChild(pid, 10s);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+}
+
+TEST_F(DaemonTest, ReloadsMasterIniOnlyWhenItsTimeStampGrows)
+{
+    const std::string before = "[Replication]\nTimeDelay=1\nQueueScheme=0\n\n[debugging]\nferryd=4\n";
+    const std::string after = "[Replication]\nTimeDelay=1\nQueueScheme=2\n\n[debugging]\nferryd=4\n";
+    root_.writeMasterIni(before);
+    pid_t pid = spawnFerryd({"-d"});
+    daemonPid_ = pid;
+    ASSERT_TRUE(waitFor([&] { return log().find("queue scheme: 0") != std::string::npos; })) << log();
+
+    // Rewritten, but with the old time stamp: the daemon keeps its settings.
+    struct stat st {};
+    ASSERT_EQ(stat(root_.masterIni().c_str(), &st), 0);
+    root_.writeMasterIni(after, 0);
+    struct timeval same[2] = {{st.st_mtime, 0}, {st.st_mtime, 0}};
+    ASSERT_EQ(utimes(root_.masterIni().c_str(), same), 0);
+    int passes = countOf(log(), "Reading master.ini");
+    ASSERT_TRUE(waitForPasses(passes + 2));
+    EXPECT_EQ(log().find("queue scheme: 2"), std::string::npos);
+
+    // A newer time stamp is seen within one pass.
+    root_.writeMasterIni(after, 1);
+    passes = countOf(log(), "Reading master.ini");
+    ASSERT_TRUE(waitForPasses(passes + 2));
+    EXPECT_NE(log().find("queue scheme: 2"), std::string::npos) << log();
+    kill(pid, SIGTERM);
+    ASSERT_NE(waitChild(pid, 10s), -1);
 }

@@ -206,14 +206,14 @@ TEST_F(QueueTest, RecencyKeepsOnlyTheNewestRestorePointWaiting)
     ASSERT_EQ(enqueue(a_.files.incr1, kVault), 0);
     ASSERT_EQ(enqueue(a_.files.bareMetal, kVault), 0);
     // Since then a new master and a differential on it need sending.
-    BackupSpec spec;
-    spec.node_no = a_.alpha;
-    spec.instance_id = a_.files.instance;
-    spec.properties = kPropDeduplicated | kPropSynthesisCapable;
-    spec.sync_status = 1;
-    int64_t master2 = db_.addBackup(spec);
-    spec.type = btype::kDifferential;
-    int64_t diff3 = db_.addBackup(spec);
+    BackupRow backup;
+    backup.node_no = a_.alpha;
+    backup.instance_id = a_.files.instance;
+    backup.properties = kPropDeduplicated | kPropSynthesisCapable;
+    backup.sync_status = 1;
+    int64_t master2 = db_.addBackup(backup);
+    backup.type = btype::kDifferential;
+    int64_t diff3 = db_.addBackup(backup);
     g_settings.QueueScheme = QUEUE_SCHEME_NONE;
     updateQueue();
     EXPECT_EQ(db_.queueRows().size(), 4u) << "scheme 0 adds nothing";

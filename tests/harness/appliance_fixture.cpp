@@ -157,26 +157,26 @@ int64_t ApplianceDb::addDiskDevice(const std::string& name)
     return tape;
 }
 
-int64_t ApplianceDb::addBackup(const BackupSpec& spec)
+int64_t ApplianceDb::addBackup(const BackupRow& row)
 {
-    int64_t start = spec.start_time ? spec.start_time : lastStart_ + kHour;
+    int64_t start = row.start_time ? row.start_time : lastStart_ + kHour;
     lastStart_ = std::max(lastStart_, start);
-    int64_t tape = spec.tape_no ? spec.tape_no : firstTape_;
-    std::string instance = spec.instance_id ? std::to_string(spec.instance_id) : "NULL";
+    int64_t tape = row.tape_no ? row.tape_no : firstTape_;
+    std::string instance = row.instance_id ? std::to_string(row.instance_id) : "NULL";
     std::string no = value(
         "INSERT INTO tq.backups (backup_no, attempt_cnt, node_no, start_time, tape_no, job_no, fileset_no, "
         "elapsed_time, server_name, properties, total_megs, sync_status, status, type, exit_code, instance_id) "
         "SELECT n, 1, " +
-        std::to_string(spec.node_no) + ", " + std::to_string(start) + ", " + std::to_string(tape) + ", n, n, 600, " +
-        "'appliance', " + std::to_string(spec.properties) + ", 512, " + std::to_string(spec.sync_status) + ", " +
-        std::to_string(spec.status) + ", " + std::to_string(spec.type) + ", 0, " + instance + " FROM (SELECT nextval('tq.backups_backup_no_seq') AS n) s RETURNING backup_no");
+        std::to_string(row.node_no) + ", " + std::to_string(start) + ", " + std::to_string(tape) + ", n, n, 600, " +
+        "'appliance', " + std::to_string(row.properties) + ", 512, " + std::to_string(row.sync_status) + ", " +
+        std::to_string(row.status) + ", " + std::to_string(row.type) + ", 0, " + instance + " FROM (SELECT nextval('tq.backups_backup_no_seq') AS n) s RETURNING backup_no");
     if (no.empty())
         return 0;
     exec("INSERT INTO tq.filesets (fileset_no, tape_no, start_time, elapsed_time, total_megs, server_name, "
          "tape_drive_name, status, properties, backup_no, data_format) SELECT " +
          no + ", " + std::to_string(tape) + ", " + std::to_string(start) +
          ", 600, 512, 'appliance', COALESCE((SELECT dev_name FROM tq.devices WHERE tape_no = " + std::to_string(tape) +
-         "), 'D2D1'), " + std::to_string(spec.status) + ", " + std::to_string(spec.properties) + ", " + no +
+         "), 'D2D1'), " + std::to_string(row.status) + ", " + std::to_string(row.properties) + ", " + no +
          ", 'arco'");
     return std::stoll(no);
 }
@@ -226,7 +226,7 @@ Appliance populateAppliance(ApplianceDb& db)
 
     const uint64_t synth = kPropDeduplicated | kPropSynthesisCapable;
     auto files = [&](int type, uint64_t status = kStatusGood, int64_t tape = 0) {
-        BackupSpec s;
+        BackupRow s;
         s.node_no = a.alpha;
         s.instance_id = a.files.instance;
         s.type = type;
@@ -236,7 +236,7 @@ Appliance populateAppliance(ApplianceDb& db)
         return db.addBackup(s);
     };
     auto other = [&](int node, int64_t instance, int type, uint64_t status = kStatusGood, int64_t tape = 0) {
-        BackupSpec s;
+        BackupRow s;
         s.node_no = node;
         s.instance_id = instance;
         s.type = type;

@@ -54,7 +54,7 @@ inline const char* const kOffsiteVault = "offsite";
 
 // One backup to insert. Defaults make a good, deduplicated backup on the
 // first device; start_time 0 means "one hour after the previous backup".
-struct BackupSpec {
+struct BackupRow {
     int node_no = 0;
     int64_t instance_id = 0;
     int type = btype::kMaster;
@@ -96,7 +96,7 @@ public:
     // as long as this object.
     int64_t addDiskDevice(const std::string& name);
     // A backup with its fileset row; returns its backup_no.
-    int64_t addBackup(const BackupSpec& spec);
+    int64_t addBackup(const BackupRow& row);
 
     void setSyncStatus(const std::vector<int64_t>& backups, int syncStatus);
 
