@@ -20,7 +20,7 @@ run_suite() {
 
 run_suite build -DCMAKE_BUILD_TYPE=RelWithDebInfo || status=1
 if [ "${FERRY_SKIP_SANITIZE:-0}" != 1 ]; then
-    ASAN_OPTIONS=detect_leaks=0 UBSAN_OPTIONS=print_stacktrace=1 \
+    ASAN_OPTIONS=detect_leaks=1 UBSAN_OPTIONS=print_stacktrace=1 \
         run_suite build-asan -DCMAKE_BUILD_TYPE=Debug -DFERRY_SANITIZE=ON || status=1
 fi
 exit $status
