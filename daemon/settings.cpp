@@ -8,6 +8,7 @@
 #include "foundation/ini.h"
 #include "foundation/logger.h"
 
+#include <cerrno>
 #include <climits>
 #include <cstring>
 #include <sys/stat.h>
@@ -47,9 +48,17 @@ bool readBool(const char* section, const char* key, bool dflt)
 // which it then becomes. A file that cannot be stat'ed is not newer.
 bool masterIniChanged()
 {
+    // Said once when master.ini stops being readable, not at every pass.
+    static bool unreadableReported = false;
     struct stat st {};
-    if (stat(masterIni(), &st) != 0)
+    if (stat(masterIni(), &st) != 0 || !S_ISREG(st.st_mode)) {
+        if (!unreadableReported)
+            log_printf(0, "%s:%d: Cannot read %s (%s); settings stay as they are\n", __FILE__, __LINE__,
+                       masterIni(), S_ISDIR(st.st_mode) ? "not a file" : strerror(errno));
+        unreadableReported = true;
         return false;
+    }
+    unreadableReported = false;
     if (st.st_mtime <= g_daemon.iniModTime)
         return false;
     g_daemon.iniModTime = static_cast<int32_t>(st.st_mtime);

@@ -216,19 +216,30 @@ TEST_F(DaemonTest, LoadLimitHoldsBackWorkersOnlyWhenSwitchedOn)
     ASSERT_NE(waitChild(pid, 10s), -1);
 }
 
-TEST_F(DaemonTest, UnreadableMasterIniGivesDefaultsNotACrash)
+TEST_F(DaemonTest, MissingOrUnreadableMasterIniGivesDefaultsAndOneLogLine)
 {
-    // A master.ini that is a directory cannot be read at all.
-    removeTree(root_.masterIni());
-    makeDirs(root_.masterIni());
-    pid_t pid = spawnFerryd({"-d", "-t", "1"});
-    daemonPid_ = pid;
-    ASSERT_TRUE(waitFor([&] { return countOf(readLogs(root_.logdir(), ""), "Reading master.ini") >= 2; }))
-        << readLogs(root_.logdir(), "");
-    EXPECT_TRUE(processAlive(pid));
-    kill(pid, SIGTERM);
-    int status = waitChild(pid, 10s);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    struct Case {
+        const char* what;
+        bool asDirectory;  // a directory cannot be read as a file at all
+        const char* reason;
+    };
+    for (const Case& c : {Case{"missing", false, "No such file or directory"}, Case{"directory", true, "not a file"}}) {
+        SCOPED_TRACE(c.what);
+        removeTree(root_.logdir());
+        removeTree(root_.masterIni());
+        if (c.asDirectory)
+            makeDirs(root_.masterIni());
+        pid_t pid = spawnFerryd({"-d", "-t", "1"});
+        daemonPid_ = pid;
+        auto logs = [&] { return readLogs(root_.logdir(), ""); };
+        ASSERT_TRUE(waitFor([&] { return countOf(logs(), "Reading master.ini") >= 3; })) << logs();
+        EXPECT_TRUE(processAlive(pid));
+        EXPECT_EQ(countOf(logs(), "Cannot read " + root_.masterIni() + " (" + c.reason + ")"), 1) << logs();
+        kill(pid, SIGTERM);
+        int status = waitChild(pid, 10s);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+        daemonPid_ = 0;
+    }
 }
 
 TEST_F(DaemonTest, ReloadsMasterIniOnlyWhenItsTimeStampGrows)
