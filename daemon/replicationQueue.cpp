@@ -59,6 +59,18 @@ int runCommand(const char* sql)
     return runQuery(sql) ? 0 : -1;
 }
 
+// The number in `column` of the first row; 0 when there is no row, -1 when
+// the statement fails.
+int64_t firstNumber(const char* sql, const char* column)
+{
+    Result res = runQuery(sql);
+    if (!res)
+        return -1;
+    if (pgTuples(res.get()) == 0)
+        return 0;
+    return pgLLongVal(res.get(), 0, column);
+}
+
 // A text from outside (vault names) as it may stand between quotes.
 std::string escapeText(const char* text)
 {
@@ -369,12 +381,7 @@ int getQueueStatus(uint64_t backup_no, const char* vault)
     std::string v = escapeText(vault);
     if (!QUERY_FITS(q, kGetStatus, QUEUE_DATABASE, ul(backup_no), v.c_str()))
         return -1;
-    Result res = runQuery(q);
-    if (!res)
-        return -1;
-    if (pgTuples(res.get()) == 0)
-        return 0;
-    return static_cast<int>(pgLongVal(res.get(), 0, "status"));
+    return static_cast<int>(firstNumber(q, "status"));
 }
 
 int setQueueStatus(uint64_t backup_no, const char* vault, unsigned status)
@@ -434,12 +441,7 @@ int64_t peek(int offset)
     char q[kShortQuery];
     if (!QUERY_FITS(q, kPeek, QUEUE_DATABASE, REPLICATION_NEEDED, offset))
         return -1;
-    Result res = runQuery(q);
-    if (!res)
-        return -1;
-    if (pgTuples(res.get()) == 0)
-        return 0;
-    return static_cast<int64_t>(pgULongVal(res.get(), 0, "backup_no"));
+    return firstNumber(q, "backup_no");
 }
 
 int listTerminated(uint64_t* backups, char (*vaults)[QUEUE_VAULT_SIZE], unsigned limit)

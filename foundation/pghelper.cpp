@@ -1133,43 +1133,39 @@ double pgDoubleVal(pgResult* res, int row, const char* column)
     return value;
 }
 
-unsigned long pgULongVal(pgResult* res, int row, const char* column)
+namespace {
+
+// The integer accessors: strto* in base 10 over the column's text, 0 and
+// the failure word (named after `fn`) when the text is not a whole number.
+template <typename T>
+T integerValue(pgResult* res, int row, const char* column, T (*parse)(const char*, char**, int), const char* fn)
 {
     const char* text = numberText(res, row, column);
     if (text == nullptr)
         return 0;
     char* end = nullptr;
     errno = 0;
-    unsigned long value = strtoul(text, &end, 10);
-    if (!numberParsed(res, row, column, "strtoul", text, end, errno))
+    T value = parse(text, &end, 10);
+    if (!numberParsed(res, row, column, fn, text, end, errno))
         return 0;
     return value;
+}
+
+} // namespace
+
+unsigned long pgULongVal(pgResult* res, int row, const char* column)
+{
+    return integerValue<unsigned long>(res, row, column, strtoul, "strtoul");
 }
 
 long long pgLLongVal(pgResult* res, int row, const char* column)
 {
-    const char* text = numberText(res, row, column);
-    if (text == nullptr)
-        return 0;
-    char* end = nullptr;
-    errno = 0;
-    long long value = strtoll(text, &end, 10);
-    if (!numberParsed(res, row, column, "strtoll", text, end, errno))
-        return 0;
-    return value;
+    return integerValue<long long>(res, row, column, strtoll, "strtoll");
 }
 
 long pgLongVal(pgResult* res, int row, const char* column)
 {
-    const char* text = numberText(res, row, column);
-    if (text == nullptr)
-        return 0;
-    char* end = nullptr;
-    errno = 0;
-    long value = strtol(text, &end, 10);
-    if (!numberParsed(res, row, column, "strtol", text, end, errno))
-        return 0;
-    return value;
+    return integerValue<long>(res, row, column, strtol, "strtol");
 }
 
 int pgIsNull(pgResult* res, int row, const char* column)
